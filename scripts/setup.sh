@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Installs what building, running and testing error_report needs on Debian 12 (as root).
+set -euo pipefail
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+apt-get install -y --no-install-recommends \
+    g++ make cmake \
+    qtbase5-dev qttools5-dev qttools5-dev-tools qttranslations5-l10n \
+    libquazip1-qt5-dev \
+    php-cli unzip python3 xvfb xauth

@@ -1,0 +1,84 @@
+#include "httpserver.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+// Runs the real program as a child. A window, once made, fetches the post-info
+// file at once, so a request on the test port is the sign that a window opened.
+class tst_Startup : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void startTest_data();
+    void startTest();
+
+private:
+    QStringList expand(const QStringList &args) const;
+
+    QTemporaryDir dir;
+    QString regularFile;
+};
+
+void tst_Startup::initTestCase()
+{
+    QVERIFY(dir.isValid());
+    regularFile = dir.filePath(QStringLiteral("dump.dmp"));
+    QFile file(regularFile);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+}
+
+QStringList tst_Startup::expand(const QStringList &args) const
+{
+    QStringList result;
+    for (QString arg : args)
+        result << arg.replace(QLatin1String("DIR"), dir.path()).replace(QLatin1String("FILE"), regularFile);
+    return result;
+}
+
+void tst_Startup::startTest_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<bool>("opens");
+
+    QTest::newRow("no arguments") << QStringList() << false;
+    QTest::newRow("two arguments") << QStringList{"1.0", "DIR"} << false;
+    QTest::newRow("six arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "x", "y"} << false;
+    QTest::newRow("Qt's own options leave too few")
+            << QStringList{"-style", "fusion", "1.0"} << false;
+    QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "FILE", "client.LOG", "d.dmp"} << false;
+    QTest::newRow("neither") << QStringList{"1.0", "/nowhere", "client.txt", "d.dmp"} << false;
+}
+
+void tst_Startup::startTest()
+{
+    QFETCH(QStringList, args);
+    QFETCH(bool, opens);
+
+    HttpServer server(TEST_SERVICE_PORT);
+    QVERIFY(server.isListening());
+    QSignalSpy requested(&server, &HttpServer::requestReceived);
+    QProcess program;
+    program.start(QStringLiteral(ERROR_REPORT_EXE), expand(args));
+    QVERIFY(program.waitForStarted());
+
+    if (opens) {
+        QVERIFY(requested.wait());
+        QCOMPARE(program.state(), QProcess::Running);
+        program.kill();
+        program.waitForFinished();
+    } else {
+        QVERIFY(program.waitForFinished());
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 0);
+        QCOMPARE(program.readAllStandardOutput(), QByteArray());
+        QCOMPARE(program.readAllStandardError(), QByteArray());
+        QCOMPARE(requested.count(), 0);
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_Startup)
+#include "tst_startup.moc"
