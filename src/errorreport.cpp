@@ -13,10 +13,18 @@ static const char userAgent[] = "Velmora3-Crash-Reporter-1.0";
 static const char postInfoUrl[] =
         "http://" ERROR_REPORT_SERVICE_HOST "/service-data/client-crashdump-postinfo.ini";
 
+// Server texts end at their first NUL byte, whatever follows it.
+static QString textUpToNul(const QByteArray &bytes)
+{
+    return QString::fromUtf8(bytes.left(bytes.indexOf('\0')));
+}
+
 ErrorReport::ErrorReport(const QStringList &arguments)
     : QWidget(nullptr, Qt::WindowCloseButtonHint),
       args(arguments)
 {
+    qRegisterMetaType<QNetworkReply::NetworkError>();
+    qRegisterMetaType<QList<QSslError>>();
     setupUi(this);
     setWindowIcon(QIcon(QStringLiteral(":/gfx/icon/application.png")));
     if (!args.isEmpty())
@@ -36,10 +44,26 @@ ErrorReport::~ErrorReport()
 void ErrorReport::closeEvent(QCloseEvent *event)
 {
     event->accept();
+    // Closing unsent still completes the archive, so the report is not lost.
+    if (zipReady) {
+        zipAddInfo();
+        if (zip.isOpen())
+            zip.close();
+        zipReady = false;
+    }
 }
 
 void ErrorReport::onYesClicked()
 {
+    if (!zipReady)
+        return;
+    zipAddInfo();
+    // The upload reads the finished file from disk.
+    if (zip.isOpen())
+        zip.close();
+    sendPost();
+    showThanks();
+    zipReady = false;
 }
 
 void ErrorReport::onNoClicked()
@@ -49,11 +73,20 @@ void ErrorReport::onNoClicked()
 
 void ErrorReport::onGetReplyError(QNetworkReply::NetworkError code)
 {
-    Q_UNUSED(code)
+    errorTextEdit->append(QStringLiteral("Error: %1").arg(code));
 }
 
 void ErrorReport::onGetReplyFinished()
 {
+    // An error reply that still carries a body is used like a good one.
+    postInfoText = textUpToNul(formGet->data());
+    if (!postInfoText.isEmpty()) {
+        preparePost();
+        return;
+    }
+    errorTextEdit->append(tr("An error occured while transmitting the data."));
+    questionLabel->hide();
+    showThanks();
 }
 
 void ErrorReport::onPostReplyError(QNetworkReply::NetworkError code)
@@ -89,6 +122,14 @@ void ErrorReport::initWindow()
 
 void ErrorReport::requestPostInfo()
 {
+    if (!formGet)
+        formGet = new FormGet;
+    errorTextEdit->clear();
+    formGet->setUserAgent(QLatin1String(userAgent));
+    QNetworkReply *reply = formGet->get(QLatin1String(postInfoUrl));
+    connect(reply, SIGNAL(finished()), this, SLOT(onGetReplyFinished()));
+    connect(reply, SIGNAL(error(QNetworkReply::NetworkError)),
+            this, SLOT(onGetReplyError(QNetworkReply::NetworkError)));
 }
 
 void ErrorReport::showThanks()

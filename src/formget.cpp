@@ -1,19 +1,83 @@
 #include "formget.h"
 
+#include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QUrl>
 
 FormGet::FormGet()
     : encoding_(QStringLiteral("utf-8"))
 {
 }
 
-QString FormGet::userAgent() const { return userAgent_; }
-void FormGet::setUserAgent(const QString &value) { userAgent_ = value; }
-QString FormGet::referer() const { return referer_; }
-void FormGet::setReferer(const QString &value) { referer_ = value; }
-QString FormGet::encoding() const { return encoding_; }
-void FormGet::setEncoding(const QString &value) { Q_UNUSED(value) }
-QByteArray FormGet::encode(const QString &text) const { return text.toUtf8(); }
-QNetworkReply *FormGet::get(const QString &url) { Q_UNUSED(url) return nullptr; }
-QByteArray FormGet::data() const { return data_; }
-void FormGet::readData(QNetworkReply *r) { Q_UNUSED(r) }
+QString FormGet::userAgent() const
+{
+    return userAgent_;
+}
+
+void FormGet::setUserAgent(const QString &value)
+{
+    userAgent_ = value;
+}
+
+QString FormGet::referer() const
+{
+    return referer_;
+}
+
+void FormGet::setReferer(const QString &value)
+{
+    referer_ = value;
+}
+
+QString FormGet::encoding() const
+{
+    return encoding_;
+}
+
+void FormGet::setEncoding(const QString &value)
+{
+    if (value == QLatin1String("utf-8") || value == QLatin1String("ascii"))
+        encoding_ = value;
+}
+
+QByteArray FormGet::encode(const QString &text) const
+{
+    return encoding_ == QLatin1String("utf-8") ? text.toUtf8() : text.toLatin1();
+}
+
+QNetworkReply *FormGet::get(const QString &url)
+{
+    auto *manager = new QNetworkAccessManager(this);
+    // Connected before the caller sees the reply, so the body is stored by the
+    // time any slot the caller attaches to the reply's finished() runs.
+    connect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(readData(QNetworkReply*)));
+
+    QNetworkRequest request;
+    request.setRawHeader("Host", hostOf(url).toLatin1());
+    if (!userAgent_.isEmpty())
+        request.setRawHeader("User-Agent", userAgent_.toLatin1());
+    if (!referer_.isEmpty())
+        request.setRawHeader("Referer", referer_.toLatin1());
+    request.setUrl(QUrl(url, QUrl::TolerantMode));
+    return manager->get(request);
+}
+
+QByteArray FormGet::data() const
+{
+    return data_;
+}
+
+void FormGet::readData(QNetworkReply *r)
+{
+    data_ = r->readAll();
+    r->manager()->deleteLater();
+}
+
+QString hostOf(const QString &url)
+{
+    // Everything between the first "://" and the next "/", port and all. Without
+    // "://" the index is -1 and the first two characters fall away.
+    const QString rest = url.right(url.length() - url.indexOf(QLatin1String("://")) - 3);
+    return rest.left(rest.indexOf(QLatin1Char('/')));
+}

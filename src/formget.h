@@ -37,4 +37,7 @@ private:
     QString referer_;
 };
 
+// The Host header value both form clients send for a URL.
+QString hostOf(const QString &url);
+
 #endif

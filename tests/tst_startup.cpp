@@ -49,6 +49,10 @@ void tst_Startup::startTest_data()
     QTest::newRow("six arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "x", "y"} << false;
     QTest::newRow("Qt's own options leave too few")
             << QStringList{"-style", "fusion", "1.0"} << false;
+    QTest::newRow("folder alone") << QStringList{"1.0", "DIR", "client.txt"} << true;
+    QTest::newRow("log suffix alone") << QStringList{"1.0", "FILE", "client.log", "d.dmp"} << true;
+    QTest::newRow("only the last suffix counts") << QStringList{"1.0", "/nowhere", "a.tar.log"} << true;
+    QTest::newRow("five arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "spare"} << true;
     QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "FILE", "client.LOG", "d.dmp"} << false;
     QTest::newRow("neither") << QStringList{"1.0", "/nowhere", "client.txt", "d.dmp"} << false;
 }
