@@ -7,4 +7,5 @@ apt-get install -y --no-install-recommends \
     g++ make cmake \
     qtbase5-dev qttools5-dev qttools5-dev-tools qttranslations5-l10n \
     libquazip1-qt5-dev \
-    php-cli unzip python3 xvfb xauth
+    php-cli php-zip unzip python3 xvfb xauth xdotool imagemagick fonts-dejavu-core \
+    dpkg-dev
