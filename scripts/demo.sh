@@ -1,18 +1,103 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds, makes a sample crash and starts the report window on it.
+# Installs the dependencies, builds, starts the local collector, makes a sample crash and
+# opens the report window on it. Without a DISPLAY it answers the window itself under Xvfb.
+#
+# DEMO_BIN=path/to/error_report skips installing and building (the test suite uses it);
+# DEMO_PORT must then match that program's compiled-in service host (default 8750).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j"$(nproc)"
 
-crash=$(mktemp -d /tmp/velmora-crash.XXXXXX)
+if [ -n "${DEMO_BIN:-}" ]; then
+    bin=$(readlink -f "$DEMO_BIN")
+else
+    scripts/setup.sh
+    cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    cmake --build build -j"$(nproc)"
+    bin=$PWD/build/bin/error_report
+fi
+port=${DEMO_PORT:-8750}
+
+work=$(mktemp -d -t velmora-demo.XXXXXX)
+crash=$work/crash
+reports=$work/reports
+mkdir "$crash"
+
+pids=()
+stop_all() {
+    local pid
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
+    done
+}
+trap stop_all EXIT
+
+fail() {
+    echo "demo: $*" >&2
+    for log in "$work"/*.log; do
+        [ -s "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
+    done
+    exit 1
+}
+
+# Polls until the command succeeds; the bound only catches a hang, it is never reached normally.
+wait_for() {
+    local what=$1 watched=$2; shift 2
+    local tries=0
+    until "$@" >/dev/null 2>&1; do
+        kill -0 "$watched" 2>/dev/null || fail "stopped while waiting for $what"
+        [ $((tries += 1)) -lt 600 ] || fail "gave up waiting for $what"
+        sleep 0.2
+    done
+}
+
+tools/collector/collector.sh --port "$port" --reports "$reports" 2>"$work/collector.log" &
+pids+=($!)
+# PHP announces the server only once it listens; another server already on the port makes it quit.
+wait_for "the collector on port $port" "${pids[-1]}" grep -q 'Development Server.*started' "$work/collector.log"
+
 printf '[%s] client started\n[%s] renderer: device lost\n' "$(date -Is)" "$(date -Is)" > "$crash/client.log"
 head -c 262144 /dev/urandom > "$crash/crash.dmp"
 echo "Sample crash in $crash"
+run=("$bin" 3.0.0 "$crash" "$crash/client.log" crash.dmp)
 
-if [ -z "${DISPLAY:-}" ]; then
-    echo "No DISPLAY: starting the window under Xvfb; close it with xdotool or Ctrl-C." >&2
-    exec xvfb-run -a build/bin/error_report 3.0.0 "$crash" "$crash/client.log" crash.dmp
+headless=
+if [ -n "${DISPLAY:-}" ]; then
+    echo "Describe the crash in the window and answer Yes to send it to the collector."
+    "${run[@]}" || true
+else
+    headless=1
+    command -v Xvfb xdotool import >/dev/null || fail "Xvfb, xdotool and ImageMagick's import are needed (scripts/setup.sh)"
+    Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$work/display" 2>"$work/xvfb.log" &
+    pids+=($!)
+    wait_for "Xvfb" "${pids[-1]}" grep -q . "$work/display"
+    export DISPLAY=:$(cat "$work/display")
+
+    # The C locale keeps the button's English mnemonic, which the keystroke below relies on.
+    LC_ALL=C.UTF-8 "${run[@]}" 2>"$work/error_report.log" &
+    app=$!
+    pids=("$app" "${pids[@]}")
+    wait_for "the report window" "$app" xdotool search --onlyvisible --name '^Velmora 3 Error$'
+    window=$(xdotool search --onlyvisible --name '^Velmora 3 Error$' | head -n 1)
+    # Yes does nothing before the post-info file has arrived and the archive exists.
+    wait_for "the dump archive" "$app" compgen -G "$crash/cv3dump_*.zip"
+
+    xdotool windowfocus --sync "$window"
+    xdotool type --delay 15 "The client crashed while loading the harbour map after a long session."
+    xdotool key alt+y
+    wait_for "the collector's receipt" "$app" compgen -G "$reports/*/receipt.json"
+    # The collector answers right after storing; give the window a moment to show it.
+    sleep 1
+    import -window "$window" "$work/window.png"
+    echo "Screenshot of the window: $work/window.png"
+    kill "$app" && wait "$app" || true
 fi
-exec build/bin/error_report 3.0.0 "$crash" "$crash/client.log" crash.dmp
+
+receipt=$(compgen -G "$reports/*/receipt.json" | head -n 1 || true)
+if [ -z "$receipt" ]; then
+    echo "No report was sent; the archive stays in $crash"
+    # Answering No in a real window is a fine ending; the unattended run must send.
+    [ -z "$headless" ]
+    exit
+fi
+cat "$receipt"
+echo "Report stored in $(dirname "$receipt")"
