@@ -72,8 +72,8 @@ else
     wait_for "Xvfb" "${pids[-1]}" grep -q . "$work/display"
     export DISPLAY=:$(cat "$work/display")
 
-    # The C locale keeps the button's English mnemonic, which the keystroke below relies on.
-    LC_ALL=C.UTF-8 "${run[@]}" 2>"$work/error_report.log" &
+    # Alt+Y needs the C locale's English mnemonic, and xdotool a real X window even if offscreen is set.
+    LC_ALL=C.UTF-8 QT_QPA_PLATFORM=xcb "${run[@]}" 2>"$work/error_report.log" &
     app=$!
     pids=("$app" "${pids[@]}")
     wait_for "the report window" "$app" xdotool search --onlyvisible --name '^Velmora 3 Error$'
