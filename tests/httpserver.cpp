@@ -94,7 +94,9 @@ void HttpServer::incomingConnection(qintptr socketDescriptor)
             return;
         buffer.remove(0, request.raw.size());
         requests.append(request);
-        const QByteArray path = request.target.left(request.target.indexOf('?'));
+        // QByteArray::left(-1) is empty, unlike QString's, so a target without a query needs its own case.
+        const int query = request.target.indexOf('?');
+        const QByteArray path = query < 0 ? request.target : request.target.left(query);
         const Response response = responses.value(path, Response{404, {}, {}, false});
         if (response.hangUp) {
             socket->abort();
