@@ -2,6 +2,7 @@
 #define FORMPOST_H
 
 #include <QByteArray>
+#include <QList>
 #include <QObject>
 #include <QString>
 
@@ -39,6 +40,19 @@ private:
     QString encoding_;
     QString userAgent_;
     QString referer_;
+    QList<QString> fieldNames;
+    QList<QString> fieldValues;
+    QList<QString> fileFieldNames;
+    QList<QString> fileNames;
+    QList<QString> fileContentTypes;
+    QList<QByteArray> fileContents;
 };
+
+// The multipart/form-data body that post() sends: fields first, then files. Field
+// values come already encoded; eightBit adds the 8bit transfer-encoding line to them.
+QByteArray multipartBody(const QString &boundary, bool eightBit,
+                         const QList<QString> &fieldNames, const QList<QByteArray> &fieldValues,
+                         const QList<QString> &fileFieldNames, const QList<QString> &fileNames,
+                         const QList<QString> &fileContentTypes, const QList<QByteArray> &fileContents);
 
 #endif
