@@ -16,7 +16,8 @@ static const char postInfoUrl[] =
 // Server texts end at their first NUL byte, whatever follows it.
 static QString textUpToNul(const QByteArray &bytes)
 {
-    return QString::fromUtf8(bytes.left(bytes.indexOf('\0')));
+    const int nul = bytes.indexOf('\0');
+    return QString::fromUtf8(nul < 0 ? bytes : bytes.left(nul));
 }
 
 ErrorReport::ErrorReport(const QStringList &arguments)
