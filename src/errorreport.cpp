@@ -3,11 +3,20 @@
 #include "formpost.h"
 
 #include <QCloseEvent>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QIcon>
 #include <QPushButton>
 #include <QScreen>
+#include <QSettings>
 #include <QStyle>
+
+#include <quazipfile.h>
+#include <quazipnewinfo.h>
+#include <zlib.h>
 
 static const char userAgent[] = "Velmora3-Crash-Reporter-1.0";
 static const char postInfoUrl[] =
@@ -143,17 +152,93 @@ void ErrorReport::showThanks()
 
 bool ErrorReport::preparePost()
 {
-    return false;
+    if (args.size() < 4 || args.size() > 6 || postInfoText.isEmpty()) {
+        showThanks();
+        return false;
+    }
+    parsePostInfo(postInfoText, postInfo);
+
+    const QString dumpFolder = args.at(1);
+    const QString logCopy = dumpFolder + QLatin1Char('/') + QFileInfo(args.at(2)).fileName();
+    // QFile::copy never overwrites, so a log already lying in the dump folder is archived as it is.
+    QFile::copy(QDir::toNativeSeparators(args.at(2)), logCopy);
+    const QStringList sources = {
+        QDir::toNativeSeparators(logCopy),
+        QDir::toNativeSeparators(dumpFolder + QLatin1Char('/') + args.at(3)),
+    };
+
+    const QString path = QDir::toNativeSeparators(
+            dumpFolder + QStringLiteral("/cv3dump_%1.zip").arg(QDateTime::currentMSecsSinceEpoch()));
+    zip.setZipName(path);
+    if (!zip.open(QuaZip::mdCreate)) {
+        qWarning("Could not open %s", qUtf8Printable(path));
+        return false;
+    }
+    zipName = path;
+    for (const QString &source : sources)
+        zipAdd(source);
+    zipReady = true;
+    return true;
 }
 
 bool ErrorReport::zipAdd(const QString &path)
 {
-    Q_UNUSED(path)
-    return false;
+    const QFileInfo info(path);
+    const bool isDir = info.isDir();
+    QuaZipFile entry(&zip);
+    if (!entry.open(QIODevice::WriteOnly, QuaZipNewInfo(info.fileName()), nullptr, 0,
+                    isDir ? 0 : Z_DEFLATED, Z_DEFAULT_COMPRESSION, false,
+                    -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY)) {
+        qWarning("Could not open %s in %s", qUtf8Printable(path), qUtf8Printable(zipName));
+        return false;
+    }
+    if (isDir)
+        return true;
+
+    bool complete = true;
+    QFile source(path);
+    if (source.open(QIODevice::ReadOnly)) {
+        char buffer[4096];
+        while (!source.atEnd()) {
+            const qint64 read = source.read(buffer, sizeof buffer);
+            if (read <= 0) {
+                qWarning("Could not read %s", qUtf8Printable(info.filePath()));
+                complete = false;
+                break;
+            }
+            if (entry.write(buffer, read) != read) {
+                qWarning("Could not write to %s in %s", qUtf8Printable(info.fileName()),
+                         qUtf8Printable(zipName));
+                complete = false;
+            }
+        }
+        source.close();
+    } else {
+        qWarning("Could not open %s", qUtf8Printable(info.filePath()));
+        complete = false;
+    }
+    // Closing flushes the last compressed bytes; if that fails the entry is not complete either.
+    entry.close();
+    if (complete && entry.getZipError() != ZIP_OK) {
+        qWarning("Could not write to %s in %s", qUtf8Printable(info.fileName()), qUtf8Printable(zipName));
+        complete = false;
+    }
+    // A source that did not reach the archive whole stays on disk, so no crash data is lost.
+    if (complete)
+        QFile::remove(path);
+    return complete;
 }
 
 void ErrorReport::zipAddInfo()
 {
+    const QString path = args.at(1) + QStringLiteral("/info.ini");
+    QSettings info(path, QSettings::IniFormat);
+    info.setValue(QStringLiteral("version"), args.at(0));
+    info.setValue(QStringLiteral("description"), errorTextEdit->toPlainText().simplified().left(1000));
+    info.sync();
+    // Added while the settings object lives: after sync() it has nothing left to write, so its
+    // destruction does not bring the deleted file back.
+    zipAdd(path);
 }
 
 void ErrorReport::sendPost()
@@ -177,8 +262,23 @@ QPixmap crashPicture(int extent)
 
 void parsePostInfo(const QString &text, PostInfo &table)
 {
-    Q_UNUSED(text)
-    Q_UNUSED(table)
+    // Split at LF only: the CR of a CR LF line end goes with the trimming.
+    const QStringList pieces = text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QString section;
+    for (const QString &piece : pieces) {
+        // Both brackets anywhere make a header, so a value like x=[1] switches the section too.
+        if (piece.contains(QLatin1Char('[')) && piece.contains(QLatin1Char(']'))) {
+            section = QString(piece).remove(QLatin1Char('[')).remove(QLatin1Char(']')).trimmed();
+            continue;
+        }
+        if (section.isEmpty())
+            continue;
+        const int equals = piece.indexOf(QLatin1Char('='));
+        const QString key = (equals < 0 ? piece : piece.left(equals)).trimmed();
+        const QString value = (equals < 0 ? piece : piece.mid(equals + 1)).trimmed();
+        if (!key.isEmpty() && !value.isEmpty())
+            table[section][key] = value;
+    }
 }
 
 QString stripQuotes(const QString &s)
