@@ -20,7 +20,7 @@
 
 static const char userAgent[] = "Velmora3-Crash-Reporter-1.0";
 static const char postInfoUrl[] =
-        "http://" ERROR_REPORT_SERVICE_HOST "/service-data/client-crashdump-postinfo.ini";
+        ERROR_REPORT_SERVICE_SCHEME "://" ERROR_REPORT_SERVICE_HOST "/service-data/client-crashdump-postinfo.ini";
 
 // Server texts end at their first NUL byte, whatever follows it.
 static QString textUpToNul(const QByteArray &bytes)
