@@ -101,22 +101,34 @@ void ErrorReport::onGetReplyFinished()
 
 void ErrorReport::onPostReplyError(QNetworkReply::NetworkError code)
 {
-    Q_UNUSED(code)
+    errorTextEdit->append(QStringLiteral("Error: %1").arg(code));
 }
 
 void ErrorReport::onPostReplyFinished()
 {
+    const QString answer = textUpToNul(formPost->data());
+    if (!answer.isEmpty()) {
+        // The answer is shown as the locale's 8-bit encoding can carry it.
+        errorTextEdit->append(QString::fromLocal8Bit(answer.toLocal8Bit()));
+        return;
+    }
+    errorTextEdit->append(QStringLiteral("Upload finished."));
+    showThanks();
 }
 
 void ErrorReport::onPostReplySslErrors(const QList<QSslError> &errors)
 {
-    Q_UNUSED(errors)
+    // Not ignored: the connection then fails and onPostReplyError reports it.
+    for (const QSslError &error : errors)
+        errorTextEdit->append(error.errorString());
 }
 
 void ErrorReport::onPostReplyUploadProgress(qint64 bytesSent, qint64 bytesTotal)
 {
-    Q_UNUSED(bytesSent)
-    Q_UNUSED(bytesTotal)
+    // Qt ends every upload with a (0, 0) report, which says nothing.
+    if (bytesSent == 0 && bytesTotal == 0)
+        return;
+    errorTextEdit->append(QStringLiteral("Sent: %1/%2 bytes").arg(bytesSent).arg(bytesTotal));
 }
 
 void ErrorReport::initWindow()
@@ -243,6 +255,39 @@ void ErrorReport::zipAddInfo()
 
 void ErrorReport::sendPost()
 {
+    if (!formPost)
+        formPost = new FormPost;
+    // From here on the text area shows the upload; info.ini already holds the description.
+    errorTextEdit->clear();
+    formPost->setUserAgent(QLatin1String(userAgent));
+
+    QString url, fileField, mime;
+    if (postInfo.contains(QStringLiteral("meta"))) {
+        const QHash<QString, QString> meta = postInfo.value(QStringLiteral("meta"));
+        url = stripQuotes(meta.value(QStringLiteral("url")));
+        fileField = stripQuotes(meta.value(QStringLiteral("filefield")));
+        mime = stripQuotes(meta.value(QStringLiteral("mime")));
+    }
+    if (url.isEmpty() || fileField.isEmpty() || mime.isEmpty()) {
+        errorTextEdit->setPlainText(QStringLiteral("Error worng meta data!"));
+        questionLabel->hide();
+        showThanks();
+        return;
+    }
+
+    const QHash<QString, QString> fields = postInfo.value(QStringLiteral("postdata"));
+    for (auto it = fields.cbegin(); it != fields.cend(); ++it)
+        formPost->addField(stripQuotes(it.key()), stripQuotes(it.value()));
+    formPost->addFile(fileField, zipName, mime);
+
+    QNetworkReply *reply = formPost->post(url);
+    connect(reply, SIGNAL(finished()), this, SLOT(onPostReplyFinished()));
+    connect(reply, SIGNAL(error(QNetworkReply::NetworkError)),
+            this, SLOT(onPostReplyError(QNetworkReply::NetworkError)));
+    connect(reply, SIGNAL(sslErrors(QList<QSslError>)),
+            this, SLOT(onPostReplySslErrors(QList<QSslError>)));
+    connect(reply, SIGNAL(uploadProgress(qint64,qint64)),
+            this, SLOT(onPostReplyUploadProgress(qint64,qint64)));
 }
 
 QPoint centredTopLeft(const QRect &available, const QSize &size)
@@ -283,5 +328,8 @@ void parsePostInfo(const QString &text, PostInfo &table)
 
 QString stripQuotes(const QString &s)
 {
+    // One surrounding pair only; a lone '"' both starts and ends, and becomes empty.
+    if (s.startsWith(QLatin1Char('"')) && s.endsWith(QLatin1Char('"')))
+        return s.mid(1, s.length() - 2);
     return s;
 }
