@@ -1,9 +1,12 @@
 #include "errorreport.h"
+#include "unixsignalwatcher.h"
 
 #include <QApplication>
 #include <QFileInfo>
 #include <QLocale>
 #include <QTranslator>
+
+#include <csignal>
 
 int main(int argc, char *argv[])
 {
@@ -31,6 +34,10 @@ int main(int argc, char *argv[])
         return 0;
 
     ErrorReport report(args);
+    // A session logout, kill or Ctrl-C closes the window like its close button, so a
+    // prepared archive is still completed and left in the dump folder.
+    UnixSignalWatcher watcher{SIGTERM, SIGHUP, SIGINT};
+    QObject::connect(&watcher, &UnixSignalWatcher::received, &report, &QWidget::close);
     report.show();
     return app.exec();
 }

@@ -5,6 +5,10 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <quazip.h>
+
+#include <signal.h>
+
 // Runs the real program as a child. A window, once made, fetches the post-info
 // file at once, so a request on the test port is the sign that a window opened.
 class tst_Startup : public QObject
@@ -15,6 +19,8 @@ private slots:
     void initTestCase();
     void startTest_data();
     void startTest();
+    void signalClosesWindow_data();
+    void signalClosesWindow();
 
 private:
     QStringList expand(const QStringList &args) const;
@@ -82,6 +88,45 @@ void tst_Startup::startTest()
         QCOMPARE(program.readAllStandardError(), QByteArray());
         QCOMPARE(requested.count(), 0);
     }
+}
+
+void tst_Startup::signalClosesWindow_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("SIGTERM") << int(SIGTERM);
+    QTest::newRow("SIGHUP") << int(SIGHUP);
+    QTest::newRow("SIGINT") << int(SIGINT);
+}
+
+void tst_Startup::signalClosesWindow()
+{
+    QFETCH(int, signal);
+
+    QTemporaryDir crash;
+    QFile dump(crash.filePath(QStringLiteral("crash.dmp")));
+    QVERIFY(dump.open(QIODevice::WriteOnly));
+    dump.write(QByteArray(4096, 'x'));
+    dump.close();
+    HttpServer server(TEST_SERVICE_PORT);
+    server.respond("/service-data/client-crashdump-postinfo.ini",
+                   {200, "[meta]\nurl=http://127.0.0.1:1/\nfilefield=f\nmime=m\n", {}, false});
+    QProcess program;
+    program.start(QStringLiteral(ERROR_REPORT_EXE),
+                  {"1.0", crash.path(), crash.filePath(QStringLiteral("client.log")), "crash.dmp"});
+    QVERIFY(program.waitForStarted());
+    // The dump leaves the folder once the archive holds it.
+    QTRY_VERIFY(!dump.exists());
+
+    ::kill(program.processId(), signal);
+    QVERIFY(program.waitForFinished());
+    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(program.exitCode(), 0);
+
+    const QStringList left = QDir(crash.path()).entryList(QDir::Files);
+    QCOMPARE(left.size(), 1);
+    QuaZip zip(crash.filePath(left.first()));
+    QVERIFY(zip.open(QuaZip::mdUnzip));
+    QCOMPARE(zip.getFileNameList(), (QStringList{"client.log", "crash.dmp", "info.ini"}));
 }
 
 QTEST_GUILESS_MAIN(tst_Startup)
