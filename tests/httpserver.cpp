@@ -1,12 +1,12 @@
 #include "httpserver.h"
 
 #include <QTcpSocket>
+#include <QTimer>
 
-static const QByteArray headerEnd = QByteArrayLiteral("\r\n\r\n");
-
+// Fills in the request from what has arrived; false while the body is incomplete.
 static bool parse(const QByteArray &raw, HttpServer::Request *request)
 {
-    const int end = raw.indexOf(headerEnd);
+    const int end = raw.indexOf("\r\n\r\n");
     if (end < 0)
         return false;
     const QList<QByteArray> lines = raw.left(end).split('\n');
@@ -14,51 +14,23 @@ static bool parse(const QByteArray &raw, HttpServer::Request *request)
     request->method = start.value(0);
     request->target = start.value(1);
     request->headers.clear();
-    qint64 length = 0;
     for (int i = 1; i < lines.size(); ++i) {
         const int colon = lines.at(i).indexOf(':');
-        const QByteArray name = lines.at(i).left(colon).trimmed();
-        const QByteArray value = lines.at(i).mid(colon + 1).trimmed();
-        request->headers.append({name, value});
-        if (name.compare("Content-Length", Qt::CaseInsensitive) == 0)
-            length = value.toLongLong();
+        request->headers.append({lines.at(i).left(colon).trimmed(), lines.at(i).mid(colon + 1).trimmed()});
     }
-    const int bodyStart = end + headerEnd.size();
-    if (raw.size() - bodyStart < length)
-        return false;
-    request->raw = raw.left(bodyStart + length);
-    request->body = raw.mid(bodyStart, length);
-    return true;
-}
-
-static QByteArray reasonPhrase(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 302: return "Found";
-    case 404: return "Not Found";
-    case 413: return "Payload Too Large";
-    case 500: return "Internal Server Error";
-    default: return "Status";
-    }
+    const int length = request->header("Content-Length").toInt();
+    request->raw = raw.left(end + 4 + length);
+    request->body = request->raw.mid(end + 4);
+    return request->body.size() == length;
 }
 
 QByteArray HttpServer::Request::header(const QByteArray &name) const
 {
     for (const auto &h : headers) {
         if (h.first.compare(name, Qt::CaseInsensitive) == 0)
-            return h.second;
+            return h.second.isNull() ? QByteArray("") : h.second;
     }
     return QByteArray();
-}
-
-bool HttpServer::Request::hasHeader(const QByteArray &name) const
-{
-    for (const auto &h : headers) {
-        if (h.first.compare(name, Qt::CaseInsensitive) == 0)
-            return true;
-    }
-    return false;
 }
 
 HttpServer::HttpServer(quint16 port)
@@ -86,30 +58,34 @@ void HttpServer::incomingConnection(qintptr socketDescriptor)
         socket->deleteLater();
     });
     // Headers and body arrive in separate reads, so collect until the request is whole.
-    connect(socket, &QTcpSocket::readyRead, this, [this, socket] {
-        QByteArray &buffer = pending[socket];
-        buffer += socket->readAll();
-        Request request;
-        if (!parse(buffer, &request))
-            return;
-        buffer.remove(0, request.raw.size());
-        requests.append(request);
-        // QByteArray::left(-1) is empty, unlike QString's, so a target without a query needs its own case.
-        const int query = request.target.indexOf('?');
-        const QByteArray path = query < 0 ? request.target : request.target.left(query);
-        const Response response = responses.value(path, Response{404, {}, {}, false});
-        if (response.hangUp) {
-            socket->abort();
-        } else {
-            QByteArray answer = "HTTP/1.1 " + QByteArray::number(response.status) + ' '
-                    + reasonPhrase(response.status) + "\r\n";
-            for (const auto &h : response.headers)
-                answer += h.first + ": " + h.second + "\r\n";
-            answer += "Content-Length: " + QByteArray::number(response.body.size())
-                    + "\r\nConnection: close\r\n\r\n" + response.body;
-            socket->write(answer);
-            socket->disconnectFromHost();
-        }
-        emit requestReceived();
+    connect(socket, &QTcpSocket::readyRead, this, [this, socket] { serve(socket); });
+}
+
+void HttpServer::serve(QTcpSocket *socket)
+{
+    QByteArray &buffer = pending[socket];
+    buffer += socket->readAll();
+    Request request;
+    const bool whole = parse(buffer, &request);
+    const int query = request.target.indexOf('?');
+    const Response response = responses.value(query < 0 ? request.target : request.target.left(query),
+                                              Response{404, {}, {}, false, 0});
+    if (request.method.isEmpty() || (!whole && !response.hangUp))
+        return;
+    buffer.remove(0, request.raw.size());
+    requests.append(request);
+    emit requestReceived();
+    if (response.hangUp) {
+        socket->abort();
+        return;
+    }
+    QByteArray answer = "HTTP/1.1 " + QByteArray::number(response.status) + " Canned\r\n";
+    for (const auto &h : response.headers)
+        answer += h.first + ": " + h.second + "\r\n";
+    answer += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n"
+            + response.body;
+    QTimer::singleShot(response.delay, socket, [socket, answer] {
+        socket->write(answer);
+        socket->disconnectFromHost();
     });
 }

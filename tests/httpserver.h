@@ -11,6 +11,8 @@ QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
 
+using HeaderList = QList<QPair<QByteArray, QByteArray>>;
+
 // A loopback HTTP/1.1 server for tests: records every request byte for byte and
 // answers each path with a canned response (404 and no body for unknown paths).
 class HttpServer : public QTcpServer
@@ -23,19 +25,20 @@ public:
         QByteArray raw;
         QByteArray method;
         QByteArray target;
-        QList<QPair<QByteArray, QByteArray>> headers;
+        HeaderList headers;
         QByteArray body;
 
         QByteArray header(const QByteArray &name) const;
-        bool hasHeader(const QByteArray &name) const;
+        bool hasHeader(const QByteArray &name) const { return !header(name).isNull(); }
     };
 
     struct Response
     {
         int status = 200;
         QByteArray body;
-        QList<QPair<QByteArray, QByteArray>> headers;
-        bool hangUp = false;    // drop the connection once the request is in, no answer
+        HeaderList headers;
+        bool hangUp = false;    // drop the connection, unanswered, as soon as the headers are in
+        int delay = 0;          // milliseconds before answering
     };
 
     // Listens on 127.0.0.1 at once; port 0 picks a free one.
@@ -53,6 +56,8 @@ protected:
     void incomingConnection(qintptr socketDescriptor) override;
 
 private:
+    void serve(QTcpSocket *socket);
+
     QHash<QByteArray, Response> responses;
     QHash<QTcpSocket *, QByteArray> pending;
 };

@@ -1,11 +1,9 @@
 #include "errorreport.h"
-#include "httpserver.h"
 
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QPushButton>
 #include <QScreen>
-#include <QSignalSpy>
 #include <QStyle>
 #include <QTemporaryDir>
 #include <QTextEdit>
@@ -25,14 +23,11 @@ private slots:
     void crashPictureSize();
     void translations_data();
     void translations();
-    void closing_data();
-    void closing();
 
 private:
     QStringList arguments() const { return {"error_report", "3.1.4", dir.path(), "client.log", "d.dmp"}; }
 
     QTemporaryDir dir;
-    HttpServer server{TEST_SERVICE_PORT};
 };
 
 static QPushButton *button(QWidget &w, QDialogButtonBox::StandardButton which)
@@ -49,7 +44,6 @@ static QImage scaled(int side)
 void tst_ReportWindow::initTestCase()
 {
     QVERIFY(dir.isValid());
-    QVERIFY(server.isListening());
 }
 
 void tst_ReportWindow::initialLook()
@@ -154,31 +148,6 @@ void tst_ReportWindow::translations()
     }
     QCoreApplication::removeTranslator(&qt);
     QCoreApplication::removeTranslator(&program);
-}
-
-void tst_ReportWindow::closing_data()
-{
-    QTest::addColumn<QString>("how");
-    QTest::newRow("No") << "no";
-    QTest::newRow("title-bar close") << "window";
-}
-
-void tst_ReportWindow::closing()
-{
-    QFETCH(QString, how);
-
-    ErrorReport w(arguments());
-    w.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&w));
-    QTimer::singleShot(0, &w, [&] {
-        if (how == QLatin1String("no"))
-            QTest::mouseClick(button(w, QDialogButtonBox::No), Qt::LeftButton);
-        else
-            w.close();
-    });
-    // Closing the last window ends the event loop with 0, as for the program.
-    QCOMPARE(QCoreApplication::exec(), 0);
-    QVERIFY(!w.isVisible());
 }
 
 QTEST_MAIN(tst_ReportWindow)
