@@ -5,9 +5,12 @@
 #include <QLabel>
 #include <QProcess>
 #include <QPushButton>
+#include <QScreen>
 #include <QSettings>
+#include <QStyle>
 #include <QTemporaryDir>
 #include <QTextEdit>
+#include <QTranslator>
 #include <QtTest>
 
 #include <quazip.h>
@@ -84,6 +87,27 @@ static QVariantMap iniValues(const QByteArray &ini)
     return values;
 }
 
+// "section|key|value" per pair, sorted, so that a failing comparison shows what differs.
+// A section without pairs shows up as "section|" and fails every expectation.
+static QStringList flattened(const PostInfo &table)
+{
+    QStringList pairs;
+    for (auto section = table.cbegin(); section != table.cend(); ++section) {
+        if (section->isEmpty())
+            pairs << section.key() + QLatin1Char('|');
+        for (auto pair = section->cbegin(); pair != section->cend(); ++pair)
+            pairs << section.key() + QLatin1Char('|') + pair.key() + QLatin1Char('|') + pair.value();
+    }
+    pairs.sort();
+    return pairs;
+}
+
+static QImage scaledCopy(int side)
+{
+    return QImage(QStringLiteral(":/gfx/icon/crash_report.png"))
+            .scaled(side, side, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+}
+
 // One report against a real server: a dump folder with a dump, the client's log
 // beside it, the loopback server the window talks to, and the window.
 struct Session
@@ -145,13 +169,23 @@ struct Session
     QScopedPointer<ErrorReport> window;
 };
 
-class tst_ReportSession : public QObject
+class tst_ErrorReport : public QObject
 {
     Q_OBJECT
 
 private slots:
     void init();
     void cleanup();
+    void initialLook();
+    void centring_data();
+    void centring();
+    void crashPicture_data();
+    void crashPicture();
+    void translations_data();
+    void translations();
+    void parse_data();
+    void parse();
+    void parseKeepsWhatTheTableHeld();
     void outcome_data();
     void outcome();
     void archive_data();
@@ -161,18 +195,167 @@ private slots:
     void archiveCannotBeCreated();
 };
 
-void tst_ReportSession::init()
+void tst_ErrorReport::init()
 {
     warnings.clear();
     previousHandler = qInstallMessageHandler(recordWarning);
 }
 
-void tst_ReportSession::cleanup()
+void tst_ErrorReport::cleanup()
 {
     qInstallMessageHandler(previousHandler);
 }
 
-void tst_ReportSession::outcome_data()
+void tst_ErrorReport::initialLook()
+{
+    Session s;
+    s.window.reset(new ErrorReport(s.arguments));
+    ErrorReport &w = *s.window;
+    QCOMPARE(w.objectName(), QStringLiteral("ErrorReport"));
+    QCOMPARE(w.windowTitle(), QStringLiteral("Velmora 3 Error"));
+    QCOMPARE(w.size(), QSize(300, 200));
+    QVERIFY(w.windowFlags() & Qt::WindowCloseButtonHint);
+    QVERIFY(!(w.windowFlags() & (Qt::WindowMinimizeButtonHint | Qt::WindowMaximizeButtonHint)));
+    QVERIFY(!w.windowIcon().isNull());
+    QCOMPARE(w.pos(), centredTopLeft(QGuiApplication::primaryScreen()->availableGeometry(), QSize(300, 200)));
+
+    auto *info = w.findChild<QLabel *>(QStringLiteral("infoLabel"));
+    QVERIFY(info->text().startsWith(QLatin1String("The Velmora 3 client has crashed. There is a debug file which will help\n")));
+    QCOMPARE(info->text().count(QLatin1Char('\n')), 2);
+    QVERIFY(!info->wordWrap());
+    const int iconSize = w.style()->pixelMetric(QStyle::PM_MessageBoxIconSize);
+    QCOMPARE(w.findChild<QLabel *>(QStringLiteral("imgLabel"))->pixmap(Qt::ReturnByValue).size(), QSize(iconSize, iconSize));
+    QVERIFY(s.edit()->toPlainText().isEmpty() && !s.edit()->isReadOnly());
+    QCOMPARE(s.question()->text(), QStringLiteral("Do you want to send the error report?"));
+    QVERIFY(!s.question()->isHidden());
+    QCOMPARE(s.visibleButtons(), QStringLiteral("Yes No"));
+}
+
+void tst_ErrorReport::centring_data()
+{
+    QTest::addColumn<QRect>("available");
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<QPoint>("topLeft");
+
+    QTest::newRow("full hd less a panel") << QRect(QPoint(0, 0), QPoint(1919, 1049)) << QSize(300, 200) << QPoint(810, 425);
+    QTest::newRow("second screen") << QRect(QPoint(1920, 0), QPoint(3839, 1079)) << QSize(300, 200) << QPoint(2730, 440);
+    QTest::newRow("odd sizes truncate") << QRect(QPoint(0, 0), QPoint(100, 50)) << QSize(31, 11) << QPoint(35, 20);
+}
+
+void tst_ErrorReport::centring()
+{
+    QFETCH(QRect, available);
+    QFETCH(QSize, size);
+    QFETCH(QPoint, topLeft);
+    QCOMPARE(centredTopLeft(available, size), topLeft);
+}
+
+void tst_ErrorReport::crashPicture_data()
+{
+    QTest::addColumn<int>("extent");
+    QTest::addColumn<QImage>("expected");
+
+    QTest::newRow("32: the 32 copy") << 32 << scaledCopy(32);
+    QTest::newRow("48: the 64 copy scaled down") << 48 << scaledCopy(64).scaled(48, 48, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    QTest::newRow("16: the 16 copy") << 16 << scaledCopy(16);
+}
+
+void tst_ErrorReport::crashPicture()
+{
+    QFETCH(int, extent);
+    QFETCH(QImage, expected);
+    const QImage picture = ::crashPicture(extent).toImage();
+    QCOMPARE(picture.size(), QSize(extent, extent));
+    QCOMPARE(picture.convertToFormat(expected.format()), expected);
+}
+
+void tst_ErrorReport::translations_data()
+{
+    QTest::addColumn<QString>("locale");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("yes");
+
+    QTest::newRow("de_DE") << "de_DE" << QStringLiteral("Velmora 3 Fehler") << QStringLiteral("&Ja");
+    QTest::newRow("fr_CA falls back to fr") << "fr_CA" << QStringLiteral("Erreur de Velmora 3") << QStringLiteral("&Oui");
+    QTest::newRow("no catalogue") << "sv_SE" << QStringLiteral("Velmora 3 Error") << QStringLiteral("&Yes");
+}
+
+void tst_ErrorReport::translations()
+{
+    QFETCH(QString, locale);
+    QFETCH(QString, title);
+    QFETCH(QString, yes);
+
+    // The same names the program loads at start-up, from the folder beside the binary.
+    const QString folder = QCoreApplication::applicationDirPath() + QStringLiteral("/translations/");
+    QTranslator program, qt;
+    program.load(folder + QStringLiteral("error_report_") + locale);
+    qt.load(folder + QStringLiteral("qt_") + locale);
+    QCoreApplication::installTranslator(&program);
+    QCoreApplication::installTranslator(&qt);
+
+    Session s;
+    s.window.reset(new ErrorReport(s.arguments));
+    QCOMPARE(s.window->windowTitle(), title);
+    QCOMPARE(s.button(QDialogButtonBox::Yes)->text(), yes);
+    QCOMPARE(s.question()->text() == QLatin1String("Do you want to send the error report?"), locale == QLatin1String("sv_SE"));
+    QCoreApplication::removeTranslator(&qt);
+    QCoreApplication::removeTranslator(&program);
+}
+
+void tst_ErrorReport::parse_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QStringList>("pairs");
+
+    QTest::newRow("header") << "[meta]\nk=v" << QStringList{"meta|k|v"};
+    QTest::newRow("header trimmed") << "[ meta ]\nk=v" << QStringList{"meta|k|v"};
+    QTest::newRow("[] empties the section") << "[s]\n[]\nk=v" << QStringList();
+    QTest::newRow("[ ] empties the section") << "[s]\n[ ]\nk=v\n[t]\nj=w" << QStringList{"t|j|w"};
+    QTest::newRow("pair with both brackets is a header") << "[s]\nx=[1]\nk=v" << QStringList{"x=1|k|v"};
+    QTest::newRow("brackets in either order") << "a]b[c\nk=v" << QStringList{"abc|k|v"};
+    QTest::newRow("one bracket is no header") << "[meta\nk=v\n[s]\nk=[v" << QStringList{"s|k|[v"};
+    QTest::newRow("first = splits") << "[s]\na = b = c" << QStringList{"s|a|b = c"};
+    QTest::newRow("quotes kept") << "[meta]\nurl = \"http://h/up\"" << QStringList{"meta|url|\"http://h/up\""};
+    QTest::newRow("no = : key is value") << "[s]\n; note" << QStringList{"s|; note|; note"};
+    QTest::newRow("empty value") << "[s]\nname=" << QStringList();
+    QTest::newRow("empty key") << "[s]\n=value" << QStringList();
+    QTest::newRow("blank key and value") << "[s]\n \t= \t" << QStringList();
+    QTest::newRow("pair before the first header") << "k=v\n[s]" << QStringList();
+    QTest::newRow("inner blanks kept") << "[s]\n  some key  =  a  b  " << QStringList{"s|some key|a  b"};
+    QTest::newRow("CR LF like LF") << "[meta]\r\nurl=a\r\n\r\n[post data]\r\nx=1\r\n"
+                                   << QStringList{"meta|url|a", "post data|x|1"};
+    QTest::newRow("blank and white-space lines") << "\n\n[s]\n   \n\t\r\n\nk=v\n \n"
+                                                  << QStringList{"s|k|v"};
+    QTest::newRow("names are case-sensitive") << "[Meta]\nURL=a\nurl=b\n[meta]\nurl=c"
+                                              << QStringList{"Meta|URL|a", "Meta|url|b", "meta|url|c"};
+    QTest::newRow("last wins, sections merge") << "[s]\nk=1\nm=2\n[t]\nj=3\n[s]\nk=4"
+                                               << QStringList{"s|k|4", "s|m|2", "t|j|3"};
+    QTest::newRow("no header at all") << "url=http://h\nmime=x" << QStringList();
+    QTest::newRow("empty text") << QString() << QStringList();
+    QTest::newRow("non-ASCII") << QString::fromUtf8("[données]\nclé=été") << QStringList{QString::fromUtf8("données|clé|été")};
+}
+
+void tst_ErrorReport::parse()
+{
+    QFETCH(QString, text);
+    QFETCH(QStringList, pairs);
+
+    PostInfo table;
+    parsePostInfo(text, table);
+    QCOMPARE(flattened(table), pairs);
+}
+
+void tst_ErrorReport::parseKeepsWhatTheTableHeld()
+{
+    PostInfo table;
+    table[QStringLiteral("old")][QStringLiteral("k")] = QStringLiteral("v");
+    table[QStringLiteral("s")][QStringLiteral("k")] = QStringLiteral("before");
+    parsePostInfo(QStringLiteral("[s]\nk=after\nj=1"), table);
+    QCOMPARE(flattened(table), QStringList({"old|k|v", "s|j|1", "s|k|after"}));
+}
+
+void tst_ErrorReport::outcome_data()
 {
     QTest::addColumn<int>("argumentCount");
     QTest::addColumn<HttpServer::Response>("postInfo");   // %1 in the body is the upload URL
@@ -237,7 +420,7 @@ void tst_ReportSession::outcome_data()
     QTest::newRow("three arguments") << 3 << good << "yes" << answered << typedLines << thanks << "Close" << QString();
 }
 
-void tst_ReportSession::outcome()
+void tst_ErrorReport::outcome()
 {
     QFETCH(int, argumentCount);
     QFETCH(HttpServer::Response, postInfo);
@@ -281,7 +464,7 @@ void tst_ReportSession::outcome()
              (QVariantMap{{"version", "3.1.4"}, {"description", description}}));
 }
 
-void tst_ReportSession::archive_data()
+void tst_ErrorReport::archive_data()
 {
     QTest::addColumn<bool>("logInFolder");
     QTest::addColumn<QString>("dumpName");
@@ -296,7 +479,7 @@ void tst_ReportSession::archive_data()
     QTest::newRow("old info.ini keys survive") << false << "crash.dmp" << "" << QByteArray("[General]\nversion=0.9\nchannel=beta\n");
 }
 
-void tst_ReportSession::archive()
+void tst_ErrorReport::archive()
 {
     QFETCH(bool, logInFolder);
     QFETCH(QString, dumpName);
@@ -356,7 +539,7 @@ void tst_ReportSession::archive()
     QCOMPARE(python.readAllStandardOutput().trimmed(), names.join(QLatin1Char(' ')).toUtf8());
 }
 
-void tst_ReportSession::upload()
+void tst_ErrorReport::upload()
 {
     Session s;
     s.server.respond("/upload", {200, "ok", {}, false, 0});
@@ -403,7 +586,7 @@ void tst_ReportSession::upload()
     QCOMPARE(progress.last(), QStringLiteral("Sent: %1/%1 bytes").arg(post.body.size()));
 }
 
-void tst_ReportSession::largeDumpDroppedMidUpload()
+void tst_ErrorReport::largeDumpDroppedMidUpload()
 {
     Session s;
     // 300 MB, the first 8 MB random so that the archive is too big to go out in one write.
@@ -432,7 +615,7 @@ void tst_ReportSession::largeDumpDroppedMidUpload()
     QVERIFY(warnings.isEmpty());
 }
 
-void tst_ReportSession::archiveCannotBeCreated()
+void tst_ErrorReport::archiveCannotBeCreated()
 {
     Session s;
     QVERIFY(writeFile(s.dir.filePath(QStringLiteral("file")), "a regular file"));
@@ -451,5 +634,5 @@ void tst_ReportSession::archiveCannotBeCreated()
     QVERIFY(QFile::exists(s.logPath));
 }
 
-QTEST_MAIN(tst_ReportSession)
-#include "tst_reportsession.moc"
+QTEST_MAIN(tst_ErrorReport)
+#include "tst_errorreport.moc"
