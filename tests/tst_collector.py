@@ -116,15 +116,12 @@ class CollectorTest(unittest.TestCase):
             self.assertEqual(f.read(), archive)
         with open(os.path.join(folder, 'receipt.json'), encoding='utf-8') as f:
             receipt = json.load(f)
-        self.assertEqual(receipt['report'], new[0])
-        self.assertEqual(receipt['fields'], {'product': 'Velmora 3', 'os': 'linux'})
-        self.assertEqual(receipt['file'], 'cv3dump_1700000000000.zip')
-        self.assertEqual(receipt['size'], len(archive))
-        self.assertEqual(receipt['sha256'], hashlib.sha256(archive).hexdigest())
-        self.assertEqual(receipt['version'], '3.0.0-beta')
-        self.assertEqual(receipt['description'], 'Größer Hafen, "Absturz" \\ €')
-        self.assertEqual(receipt['entries'], ['client.log', 'crash.dmp', 'info.ini'])
-        self.assertRegex(receipt['time'], r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$')
+        self.assertRegex(receipt.pop('time'), r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$')
+        self.assertLessEqual({'report': new[0], 'fields': {'product': 'Velmora 3', 'os': 'linux'},
+                              'file': 'cv3dump_1700000000000.zip', 'size': len(archive),
+                              'sha256': hashlib.sha256(archive).hexdigest(), 'version': '3.0.0-beta',
+                              'description': 'Größer Hafen, "Absturz" \\ €',
+                              'entries': ['client.log', 'crash.dmp', 'info.ini']}.items(), receipt.items())
 
     def test_bad_uploads_are_refused_and_leave_nothing(self):
         good = report_zip(INFO_INI)
