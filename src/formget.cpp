@@ -53,14 +53,7 @@ QNetworkReply *FormGet::get(const QString &url)
     // time any slot the caller attaches to the reply's finished() runs.
     connect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(readData(QNetworkReply*)));
 
-    QNetworkRequest request;
-    request.setRawHeader("Host", hostOf(url).toLatin1());
-    if (!userAgent_.isEmpty())
-        request.setRawHeader("User-Agent", userAgent_.toLatin1());
-    if (!referer_.isEmpty())
-        request.setRawHeader("Referer", referer_.toLatin1());
-    request.setUrl(QUrl(url, QUrl::TolerantMode));
-    return manager->get(request);
+    return manager->get(formRequest(url, userAgent_, referer_));
 }
 
 QByteArray FormGet::data() const
@@ -80,4 +73,16 @@ QString hostOf(const QString &url)
     // "://" the index is -1 and the first two characters fall away.
     const QString rest = url.right(url.length() - url.indexOf(QLatin1String("://")) - 3);
     return rest.left(rest.indexOf(QLatin1Char('/')));
+}
+
+QNetworkRequest formRequest(const QString &url, const QString &userAgent, const QString &referer)
+{
+    QNetworkRequest request;
+    request.setRawHeader("Host", hostOf(url).toLatin1());
+    if (!userAgent.isEmpty())
+        request.setRawHeader("User-Agent", userAgent.toLatin1());
+    if (!referer.isEmpty())
+        request.setRawHeader("Referer", referer.toLatin1());
+    request.setUrl(QUrl(url, QUrl::TolerantMode));
+    return request;
 }

@@ -7,6 +7,7 @@
 
 QT_BEGIN_NAMESPACE
 class QNetworkReply;
+class QNetworkRequest;
 QT_END_NAMESPACE
 
 class FormGet : public QObject
@@ -39,5 +40,7 @@ private:
 
 // The Host header value both form clients send for a URL.
 QString hostOf(const QString &url);
+// The request both form clients start from: Host always, User-Agent and Referer only when set.
+QNetworkRequest formRequest(const QString &url, const QString &userAgent, const QString &referer);
 
 #endif

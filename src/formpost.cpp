@@ -6,7 +6,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QUrl>
 
 static QString makeBoundary()
 {
@@ -96,7 +95,6 @@ void FormPost::addFile(const QString &fieldName, const QByteArray &content, cons
 
 QNetworkReply *FormPost::post(const QString &url)
 {
-    const QString host = hostOf(url);
     const QString boundary = makeBoundary();
     QList<QByteArray> values;
     for (const QString &value : qAsConst(fieldValues))
@@ -116,16 +114,10 @@ QNetworkReply *FormPost::post(const QString &url)
     // time any slot the caller attaches to the reply's finished() runs.
     connect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(readData(QNetworkReply*)));
 
-    QNetworkRequest request;
-    request.setRawHeader("Host", host.toLatin1());
-    if (!userAgent_.isEmpty())
-        request.setRawHeader("User-Agent", userAgent_.toLatin1());
-    if (!referer_.isEmpty())
-        request.setRawHeader("Referer", referer_.toLatin1());
+    QNetworkRequest request = formRequest(url, userAgent_, referer_);
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QString(QLatin1String("multipart/form-data; boundary=") + boundary).toLatin1());
     request.setHeader(QNetworkRequest::ContentLengthHeader, QByteArray::number(body.size()));
-    request.setUrl(QUrl(url, QUrl::TolerantMode));
     return manager->post(request, body);
 }
 
