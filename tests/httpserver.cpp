@@ -1,36 +1,14 @@
 #include "httpserver.h"
 
+#include <QRegularExpression>
 #include <QTcpSocket>
-#include <QTimer>
-
-// Fills in the request from what has arrived; false while the body is incomplete.
-static bool parse(const QByteArray &raw, HttpServer::Request *request)
-{
-    const int end = raw.indexOf("\r\n\r\n");
-    if (end < 0)
-        return false;
-    const QList<QByteArray> lines = raw.left(end).split('\n');
-    const QList<QByteArray> start = lines.first().trimmed().split(' ');
-    request->method = start.value(0);
-    request->target = start.value(1);
-    request->headers.clear();
-    for (int i = 1; i < lines.size(); ++i) {
-        const int colon = lines.at(i).indexOf(':');
-        request->headers.append({lines.at(i).left(colon).trimmed(), lines.at(i).mid(colon + 1).trimmed()});
-    }
-    const int length = request->header("Content-Length").toInt();
-    request->raw = raw.left(end + 4 + length);
-    request->body = request->raw.mid(end + 4);
-    return request->body.size() == length;
-}
 
 QByteArray HttpServer::Request::header(const QByteArray &name) const
 {
-    for (const auto &h : headers) {
-        if (h.first.compare(name, Qt::CaseInsensitive) == 0)
-            return h.second.isNull() ? QByteArray("") : h.second;
-    }
-    return QByteArray();
+    const QRegularExpression line("\r\n" + QRegularExpression::escape(name) + ": *([^\r]*)",
+                                  QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch match = line.match(QString::fromLatin1(head));
+    return match.hasMatch() ? match.captured(1).toLatin1() : QByteArray();
 }
 
 HttpServer::HttpServer(quint16 port)
@@ -65,27 +43,27 @@ void HttpServer::serve(QTcpSocket *socket)
 {
     QByteArray &buffer = pending[socket];
     buffer += socket->readAll();
+    const int end = buffer.indexOf("\r\n\r\n");
     Request request;
-    const bool whole = parse(buffer, &request);
-    const int query = request.target.indexOf('?');
-    const Response response = responses.value(query < 0 ? request.target : request.target.left(query),
-                                              Response{404, {}, {}, false, 0});
-    if (request.method.isEmpty() || (!whole && !response.hangUp))
+    request.head = buffer.left(end + 2);
+    const int length = request.header("Content-Length").toInt();
+    if (end < 0 || buffer.size() < end + 4 + length)
         return;
-    buffer.remove(0, request.raw.size());
+    const QList<QByteArray> start = buffer.left(buffer.indexOf("\r\n")).split(' ');
+    request.method = start.value(0);
+    request.target = start.value(1);
+    request.body = buffer.mid(end + 4, length);
+    buffer.remove(0, end + 4 + length);
     requests.append(request);
     emit requestReceived();
+
+    const int query = request.target.indexOf('?');
+    const Response response = responses.value(query < 0 ? request.target : request.target.left(query), {404, {}, false});
     if (response.hangUp) {
         socket->abort();
         return;
     }
-    QByteArray answer = "HTTP/1.1 " + QByteArray::number(response.status) + " Canned\r\n";
-    for (const auto &h : response.headers)
-        answer += h.first + ": " + h.second + "\r\n";
-    answer += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n"
-            + response.body;
-    QTimer::singleShot(response.delay, socket, [socket, answer] {
-        socket->write(answer);
-        socket->disconnectFromHost();
-    });
+    socket->write("HTTP/1.1 " + QByteArray::number(response.status) + " Canned\r\nContent-Length: "
+                  + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n" + response.body);
+    socket->disconnectFromHost();
 }

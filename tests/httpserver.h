@@ -3,15 +3,11 @@
 
 #include <QByteArray>
 #include <QHash>
-#include <QList>
-#include <QPair>
 #include <QTcpServer>
 
 QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
-
-using HeaderList = QList<QPair<QByteArray, QByteArray>>;
 
 // A loopback HTTP/1.1 server for tests: records every request byte for byte and
 // answers each path with a canned response (404 and no body for unknown paths).
@@ -22,23 +18,20 @@ class HttpServer : public QTcpServer
 public:
     struct Request
     {
-        QByteArray raw;
         QByteArray method;
         QByteArray target;
-        HeaderList headers;
+        QByteArray head;
         QByteArray body;
 
+        // The value of the first header of that name; a null array when there is none.
         QByteArray header(const QByteArray &name) const;
-        bool hasHeader(const QByteArray &name) const { return !header(name).isNull(); }
     };
 
     struct Response
     {
         int status = 200;
         QByteArray body;
-        HeaderList headers;
-        bool hangUp = false;    // drop the connection, unanswered, as soon as the headers are in
-        int delay = 0;          // milliseconds before answering
+        bool hangUp = false;    // drop the connection, unanswered, once the request is in
     };
 
     // Listens on 127.0.0.1 at once; port 0 picks a free one.

@@ -17,49 +17,45 @@ class tst_Startup : public QObject
 
 private slots:
     void initTestCase();
+    void cleanupTestCase();
     void startTest_data();
     void startTest();
-    void signalClosesWindow_data();
-    void signalClosesWindow();
+    void closing_data();
+    void closing();
 
 private:
-    QStringList expand(const QStringList &args) const;
-
-    QTemporaryDir dir;
-    QString regularFile;
+    QProcess xvfb;
 };
 
 void tst_Startup::initTestCase()
 {
-    QVERIFY(dir.isValid());
-    regularFile = dir.filePath(QStringLiteral("dump.dmp"));
-    QFile file(regularFile);
-    QVERIFY(file.open(QIODevice::WriteOnly));
+    // Xvfb names the display it chose once it is ready for clients.
+    xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "800x600x24"});
+    QVERIFY2(xvfb.waitForReadyRead(), "Xvfb is needed");
+    qputenv("DISPLAY", ':' + xvfb.readAllStandardOutput().trimmed());
 }
 
-QStringList tst_Startup::expand(const QStringList &args) const
+void tst_Startup::cleanupTestCase()
 {
-    QStringList result;
-    for (QString arg : args)
-        result << arg.replace(QLatin1String("DIR"), dir.path()).replace(QLatin1String("FILE"), regularFile);
-    return result;
+    xvfb.terminate();
+    xvfb.waitForFinished();
 }
 
+// "/" is a folder and /dev/null a file that is none; no post-info file is served, so nothing is written.
 void tst_Startup::startTest_data()
 {
     QTest::addColumn<QStringList>("args");
     QTest::addColumn<bool>("opens");
 
     QTest::newRow("no arguments") << QStringList() << false;
-    QTest::newRow("two arguments") << QStringList{"1.0", "DIR"} << false;
-    QTest::newRow("six arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "x", "y"} << false;
-    QTest::newRow("Qt's own options leave too few")
-            << QStringList{"-style", "fusion", "1.0"} << false;
-    QTest::newRow("folder alone") << QStringList{"1.0", "DIR", "client.txt"} << true;
-    QTest::newRow("log suffix alone") << QStringList{"1.0", "FILE", "client.log", "d.dmp"} << true;
+    QTest::newRow("two arguments") << QStringList{"1.0", "/"} << false;
+    QTest::newRow("six arguments") << QStringList{"1.0", "/", "c.log", "d.dmp", "x", "y"} << false;
+    QTest::newRow("Qt's own options leave too few") << QStringList{"-style", "fusion", "1.0"} << false;
+    QTest::newRow("folder alone") << QStringList{"1.0", "/", "client.txt"} << true;
+    QTest::newRow("log suffix alone") << QStringList{"1.0", "/dev/null", "client.log", "d.dmp"} << true;
     QTest::newRow("only the last suffix counts") << QStringList{"1.0", "/nowhere", "a.tar.log"} << true;
-    QTest::newRow("five arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "spare"} << true;
-    QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "FILE", "client.LOG", "d.dmp"} << false;
+    QTest::newRow("five arguments") << QStringList{"1.0", "/", "c.log", "d.dmp", "spare"} << true;
+    QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "/dev/null", "client.LOG", "d.dmp"} << false;
     QTest::newRow("neither") << QStringList{"1.0", "/nowhere", "client.txt", "d.dmp"} << false;
 }
 
@@ -72,7 +68,7 @@ void tst_Startup::startTest()
     QVERIFY(server.isListening());
     QSignalSpy requested(&server, &HttpServer::requestReceived);
     QProcess program;
-    program.start(QStringLiteral(ERROR_REPORT_EXE), expand(args));
+    program.start(QStringLiteral(ERROR_REPORT_EXE), args);
     QVERIFY(program.waitForStarted());
 
     if (opens) {
@@ -84,23 +80,30 @@ void tst_Startup::startTest()
         QVERIFY(program.waitForFinished());
         QCOMPARE(program.exitStatus(), QProcess::NormalExit);
         QCOMPARE(program.exitCode(), 0);
-        QCOMPARE(program.readAllStandardOutput(), QByteArray());
-        QCOMPARE(program.readAllStandardError(), QByteArray());
+        QCOMPARE(program.readAllStandardOutput() + program.readAllStandardError(), QByteArray());
         QCOMPARE(requested.count(), 0);
     }
 }
 
-void tst_Startup::signalClosesWindow_data()
+void tst_Startup::closing_data()
 {
-    QTest::addColumn<int>("signal");
-    QTest::newRow("SIGTERM") << int(SIGTERM);
-    QTest::newRow("SIGHUP") << int(SIGHUP);
-    QTest::newRow("SIGINT") << int(SIGINT);
+    QTest::addColumn<QString>("locale");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("how");     // a signal's number, or the keys to press
+
+    QTest::newRow("SIGTERM") << "C" << "Velmora 3 Error" << QString::number(SIGTERM);
+    QTest::newRow("SIGHUP") << "C" << "Velmora 3 Error" << QString::number(SIGHUP);
+    QTest::newRow("SIGINT") << "C" << "Velmora 3 Error" << QString::number(SIGINT);
+    QTest::newRow("No, in German") << "de_DE.UTF-8" << "Velmora 3 Fehler" << "alt+n";
 }
 
-void tst_Startup::signalClosesWindow()
+// A window on a real X server, closed once its archive is prepared: the program ends
+// with 0, having sent nothing, and the archive is complete.
+void tst_Startup::closing()
 {
-    QFETCH(int, signal);
+    QFETCH(QString, locale);
+    QFETCH(QString, title);
+    QFETCH(QString, how);
 
     QTemporaryDir crash;
     QFile dump(crash.filePath(QStringLiteral("crash.dmp")));
@@ -109,18 +112,32 @@ void tst_Startup::signalClosesWindow()
     dump.close();
     HttpServer server(TEST_SERVICE_PORT);
     server.respond("/service-data/client-crashdump-postinfo.ini",
-                   {200, "[meta]\nurl=http://127.0.0.1:1/\nfilefield=f\nmime=m\n", {}, false});
+                   {200, "[meta]\nurl=" + server.url("/upload").toLatin1() + "\nfilefield=f\nmime=m\n"});
     QProcess program;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+    environment.insert(QStringLiteral("LANG"), locale);
+    program.setProcessEnvironment(environment);
     program.start(QStringLiteral(ERROR_REPORT_EXE),
                   {"1.0", crash.path(), crash.filePath(QStringLiteral("client.log")), "crash.dmp"});
     QVERIFY(program.waitForStarted());
     // The dump leaves the folder once the archive holds it.
     QTRY_VERIFY(!dump.exists());
 
-    ::kill(program.processId(), signal);
+    const auto xdotool = [title](const QStringList &then) {
+        QProcess x;
+        x.start(QStringLiteral("xdotool"), QStringList{"search", "--onlyvisible", "--name", "^" + title + "$"} + then);
+        return x.waitForFinished() && x.exitStatus() == QProcess::NormalExit && x.exitCode() == 0;
+    };
+    QTRY_VERIFY(xdotool({}));
+    if (how.startsWith(QLatin1String("alt")))
+        QVERIFY(xdotool({"windowfocus", "--sync", "key", how}));
+    else
+        ::kill(program.processId(), how.toInt());
     QVERIFY(program.waitForFinished());
     QCOMPARE(program.exitStatus(), QProcess::NormalExit);
     QCOMPARE(program.exitCode(), 0);
+    QCOMPARE(server.requests.size(), 1);
 
     const QStringList left = QDir(crash.path()).entryList(QDir::Files);
     QCOMPARE(left.size(), 1);
