@@ -9,4 +9,4 @@ apt-get install -y --no-install-recommends \
     libquazip1-qt5-dev \
     php-cli php-zip unzip python3 xvfb xauth xdotool imagemagick fonts-dejavu-core \
     dpkg-dev \
-    time hyperfine curl libxcb1-dev
+    time hyperfine curl libxcb1-dev cloc
