@@ -8,5 +8,5 @@ apt-get install -y --no-install-recommends \
     qtbase5-dev qttools5-dev qttools5-dev-tools qttranslations5-l10n \
     libquazip1-qt5-dev \
     php-cli php-zip unzip python3 xvfb xauth xdotool imagemagick fonts-dejavu-core \
-    dpkg-dev \
+    dpkg-dev lintian \
     time hyperfine curl libxcb1-dev cloc
