@@ -38,6 +38,7 @@ static char maps_buffer[4096];
 static int installed;
 /* Lock-free by the standard, so it is safe in a handler; the first crash takes it for good. */
 static atomic_flag handling = ATOMIC_FLAG_INIT;
+static atomic_int handled;
 
 static const char *signal_name(int signo)
 {
@@ -225,13 +226,27 @@ static void start_sender(int signo)
     _exit(127);
 }
 
+/* Dies by the signal: it is blocked in the handler, so it strikes once the handler returns. */
+static void die_by(int signo)
+{
+    struct sigaction dfl;
+    memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(signo, &dfl, NULL);
+    raise(signo);
+}
+
 static void handle_crash(int signo, siginfo_t *info, void *context)
 {
     if (atomic_flag_test_and_set(&handling)) {
-        /* Another thread is handling a crash (this thread's own faults are blocked and so end
-           it at once); it ends the process when it is done. */
-        for (;;)
-            pause();
+        /* Another thread is handling a crash (this thread's own faults are blocked, so they end
+           the process at once): let it finish its report, then die as well. */
+        struct timespec nap = { 0, 10 * 1000 * 1000 };
+        while (!atomic_load(&handled))
+            nanosleep(&nap, NULL);
+        die_by(signo);
+        return;
     }
 
     time_t now = time(NULL);
@@ -252,13 +267,8 @@ static void handle_crash(int signo, siginfo_t *info, void *context)
     /* Without a dump the log and the user's description are still worth a report. */
     start_sender(signo);
 
-    /* Die by the same signal: it is blocked here, so it strikes once the handler returns. */
-    struct sigaction dfl;
-    memset(&dfl, 0, sizeof dfl);
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(signo, &dfl, NULL);
-    raise(signo);
+    atomic_store(&handled, 1);
+    die_by(signo);
 }
 
 static int copy_text(char *out, size_t size, const char *text)
