@@ -75,9 +75,10 @@ wait_for "the collector on port $port" "${pids[-1]}" grep -q 'Development Server
 # The client dies by SIGSEGV; its handler has then written the dump and started the sender.
 crash_client() {
     local status=0
-    # In a subshell, so that the shell's own "Segmentation fault" notice stays out of the output.
+    # In a subshell that reports the status itself, so that the shell's own "Segmentation fault"
+    # notice stays out of the output.
     ("$client" --crash=segv --dump-folder "$crash" --log "$crash/client.log" --sender "$bin" \
-        >"$work/sender.log" 2>&1) 2>/dev/null || status=$?
+        >"$work/sender.log" 2>&1 || exit $?) 2>/dev/null || status=$?
     [ "$status" -eq $((128 + 11)) ] || fail "the demo client ended with status $status, not by SIGSEGV"
     dump=$(compgen -G "$crash/crash-*.dmp") || fail "the crash handler wrote no dump"
     echo "The demo client crashed: $(grep -m1 '^signal:' "$dump"), dump $dump"
