@@ -1,20 +1,25 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds, starts the local collector, makes a sample crash and
-# opens the report window on it. Without a DISPLAY it answers the window itself under Xvfb.
+# Installs the dependencies, builds, starts the local collector and crashes the demo client,
+# whose crash handler writes the dump and opens the report window on it. Without a DISPLAY it
+# answers the window itself under Xvfb.
 #
-# DEMO_BIN=path/to/error_report skips installing and building (the test suite uses it);
-# DEMO_PORT must then match that program's compiled-in service host (default 8750).
+# DEMO_BIN=path/to/error_report skips installing and building (the test suite uses it); the demo
+# client is then taken from beside it unless DEMO_CLIENT names it. DEMO_PORT must match that
+# program's compiled-in service host (default 8750).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 if [ -n "${DEMO_BIN:-}" ]; then
     bin=$(readlink -f "$DEMO_BIN")
+    client=$(readlink -f "${DEMO_CLIENT:-$(dirname "$bin")/velmora-democlient}")
 else
     scripts/setup.sh
     cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
     cmake --build build -j"$(nproc)"
     bin=$PWD/build/bin/error_report
+    client=$PWD/build/bin/velmora-democlient
 fi
+[ -x "$client" ] || { echo "demo: no demo client at $client (DEMO_CLIENT)" >&2; exit 1; }
 port=${DEMO_PORT:-8750}
 
 work=$(mktemp -d -t velmora-demo.XXXXXX)
@@ -23,11 +28,23 @@ reports=$work/reports
 mkdir "$crash"
 
 pids=()
+# Found by its exact command line, which holds the fresh dump folder, so nothing else matches.
+find_sender() {
+    sender=$(pgrep -x -f "$bin 3\.0\.0 $crash $crash/client\.log crash-[0-9]+-[0-9]+\.dmp SIGSEGV")
+}
+# The sender is no child of ours (the crashed client started it in a session of its own), so
+# its end is polled for rather than waited on.
+stop() {
+    kill "$1" 2>/dev/null || return 0
+    wait "$1" 2>/dev/null || true
+    local tries=0
+    while kill -0 "$1" 2>/dev/null && [ $((tries += 1)) -lt 100 ]; do sleep 0.1; done
+}
 stop_all() {
     local pid
-    for pid in "${pids[@]}"; do
-        kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
-    done
+    # A sender started by a client that then failed our checks is still looked for.
+    [ -n "${sender:-}" ] || ! find_sender || pids=("$sender" "${pids[@]}")
+    for pid in "${pids[@]}"; do stop "$pid"; done
 }
 trap stop_all EXIT
 
@@ -55,15 +72,25 @@ pids+=($!)
 # PHP announces the server only once it listens; another server already on the port makes it quit.
 wait_for "the collector on port $port" "${pids[-1]}" grep -q 'Development Server.*started' "$work/collector.log"
 
-printf '[%s] client started\n[%s] renderer: device lost\n' "$(date -Is)" "$(date -Is)" > "$crash/client.log"
-head -c 262144 /dev/urandom > "$crash/crash.dmp"
-echo "Sample crash in $crash"
-run=("$bin" 3.0.0 "$crash" "$crash/client.log" crash.dmp)
+# The client dies by SIGSEGV; its handler has then written the dump and started the sender.
+crash_client() {
+    local status=0
+    # In a subshell that reports the status itself, so that the shell's own "Segmentation fault"
+    # notice stays out of the output.
+    ("$client" --crash=segv --dump-folder "$crash" --log "$crash/client.log" --sender "$bin" \
+        >"$work/sender.log" 2>&1 || exit $?) 2>/dev/null || status=$?
+    [ "$status" -eq $((128 + 11)) ] || fail "the demo client ended with status $status, not by SIGSEGV"
+    dump=$(compgen -G "$crash/crash-*.dmp") || fail "the crash handler wrote no dump"
+    echo "The demo client crashed: $(grep -m1 '^signal:' "$dump"), dump $dump"
+}
 
 headless=
 if [ -n "${DISPLAY:-}" ]; then
     echo "Describe the crash in the window and answer Yes to send it to the collector."
-    "${run[@]}" || true
+    crash_client
+    wait_for "the report window's program" "${pids[-1]}" find_sender
+    pids=("$sender" "${pids[@]}")
+    while kill -0 "$sender" 2>/dev/null; do sleep 0.5; done
 else
     headless=1
     command -v Xvfb xdotool import >/dev/null || fail "Xvfb, xdotool and ImageMagick's import are needed (scripts/setup.sh)"
@@ -72,12 +99,16 @@ else
     wait_for "Xvfb" "${pids[-1]}" grep -q . "$work/display"
     export DISPLAY=:$(cat "$work/display")
 
-    # Alt+Y needs the C locale's English mnemonic, and xdotool a real X window even if offscreen is set.
-    LC_ALL=C.UTF-8 QT_QPA_PLATFORM=xcb "${run[@]}" 2>"$work/error_report.log" &
-    app=$!
+    # The sender inherits the client's environment. Alt+Y needs the C locale's English mnemonic,
+    # and xdotool a real X window even if offscreen is set.
+    export LC_ALL=C.UTF-8 QT_QPA_PLATFORM=xcb
+    crash_client
+    wait_for "the report window's program" "${pids[-1]}" find_sender
+    app=$sender
     pids=("$app" "${pids[@]}")
     wait_for "the report window" "$app" xdotool search --onlyvisible --name '^Velmora 3 Error$'
     window=$(xdotool search --onlyvisible --name '^Velmora 3 Error$' | head -n 1)
+    [ "$(xdotool getwindowpid "$window")" = "$app" ] || fail "the window belongs to another program"
     # Yes does nothing before the post-info file has arrived and the archive exists.
     wait_for "the dump archive" "$app" compgen -G "$crash/cv3dump_*.zip"
 
@@ -89,7 +120,7 @@ else
     sleep 1
     import -window "$window" "$work/window.png"
     echo "Screenshot of the window: $work/window.png"
-    kill "$app" && wait "$app" || true
+    stop "$app"
 fi
 
 receipt=$(compgen -G "$reports/*/receipt.json" | head -n 1 || true)

@@ -38,11 +38,11 @@ def multipart(fields, files):
     return body.getvalue(), f'multipart/form-data; boundary={boundary}'
 
 
-def report_zip(info_ini):
+def report_zip(info_ini, dump=None):
     buffer = io.BytesIO()
     with zipfile.ZipFile(buffer, 'w', zipfile.ZIP_DEFLATED) as z:
         z.writestr('client.log', 'renderer: device lost\n')
-        z.writestr('crash.dmp', os.urandom(4096))
+        z.writestr('crash.dmp', dump or os.urandom(4096))
         if info_ini is not None:
             z.writestr('info.ini', info_ini)
     return buffer.getvalue()
@@ -121,7 +121,19 @@ class CollectorTest(unittest.TestCase):
                               'file': 'cv3dump_1700000000000.zip', 'size': len(archive),
                               'sha256': hashlib.sha256(archive).hexdigest(), 'version': '3.0.0-beta',
                               'description': 'Größer Hafen, "Absturz" \\ €',
-                              'entries': ['client.log', 'crash.dmp', 'info.ini']}.items(), receipt.items())
+                              'entries': ['client.log', 'crash.dmp', 'info.ini'], 'crash': None}.items(),
+                             receipt.items())
+
+    def test_crash_handler_dump_is_summed_up_in_the_receipt(self):
+        dump = (b'VELMORA-CRASH 1\nsignal: 11 SIGSEGV\naddress: 0x0000000000000010\nframe 0: 0x0000555555555505\n'
+                b'frame 1: 0x00007f0000001234\nmaps:\n555555554000-555555556000 r-xp 00001000 fe:00 7  /opt/v3/client\n')
+        status, text = self.post({}, {'dumpfile': ('a.zip', report_zip(INFO_INI, dump))})
+        self.assertEqual(status, 200, text)
+        self.assertTrue(text.endswith(' bytes): SIGSEGV at 0x0000000000000010.'), text)
+        with open(os.path.join(self.reports, text.split()[1], 'receipt.json'), encoding='utf-8') as f:
+            self.assertEqual(json.load(f)['crash'], {
+                'dump': 'crash.dmp', 'signal': 11, 'signal_name': 'SIGSEGV', 'address': '0x0000000000000010',
+                'frames': ['0x0000555555555505 /opt/v3/client+0x2505', '0x00007f0000001234']})
 
     def test_bad_uploads_are_refused_and_leave_nothing(self):
         good = report_zip(INFO_INI)

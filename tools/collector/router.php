@@ -10,6 +10,10 @@ const FILE_FIELD = 'dumpfile';
 const DEFAULT_MAX_BYTES = 64 * 1024 * 1024;
 // Room for the plain fields and the part headers beside the archive itself.
 const FORM_OVERHEAD = 64 * 1024;
+// First line of a dump written by the client's crash handler (crashhandler/).
+const CRASH_MAGIC = "VELMORA-CRASH 1\n";
+const CRASH_READ_BYTES = 4 * 1024 * 1024;
+const RECEIPT_FRAMES = 8;
 
 function answer(int $status, string $line): void
 {
@@ -49,16 +53,8 @@ function maxBytes(): int
     return $php > 0 ? min($own, $php) : $own;
 }
 
-function codePointToUtf8(int $cp): string
-{
-    if ($cp < 0x80) return chr($cp);
-    if ($cp < 0x800) return chr(0xC0 | $cp >> 6) . chr(0x80 | $cp & 0x3F);
-    if ($cp < 0x10000) return chr(0xE0 | $cp >> 12) . chr(0x80 | $cp >> 6 & 0x3F) . chr(0x80 | $cp & 0x3F);
-    return chr(0xF0 | $cp >> 18) . chr(0x80 | $cp >> 12 & 0x3F) . chr(0x80 | $cp >> 6 & 0x3F) . chr(0x80 | $cp & 0x3F);
-}
-
 // Undoes QSettings' INI escaping: optional double quotes, backslash escapes, and
-// \xHHHH for every character outside ASCII (UTF-16 units, so pairs are joined).
+// \xHHHH for every character outside ASCII, as UTF-16 units that iconv then decodes.
 function qsettingsValue(string $raw): string
 {
     $units = [];
@@ -85,13 +81,8 @@ function qsettingsValue(string $raw): string
             $units[] = ord($e);
         }
     }
-    $text = '';
-    for ($k = 0; $k < count($units); ++$k) {
-        $u = $units[$k];
-        if ($u >= 0xD800 && $u < 0xDC00 && isset($units[$k + 1]) && $units[$k + 1] >= 0xDC00 && $units[$k + 1] < 0xE000)
-            $u = 0x10000 + (($u - 0xD800) << 10) + ($units[++$k] - 0xDC00);
-        $text .= $u < 0x80 ? chr($u) : codePointToUtf8($u);
-    }
+    // A lone surrogate cannot be decoded; it is dropped rather than failing the whole value.
+    $text = (string) @iconv('UTF-16BE', 'UTF-8//IGNORE', pack('n*', ...$units));
     // QSettings doubles a leading '@' so that it is not read as a type marker.
     return str_starts_with($text, '@@') ? substr($text, 1) : $text;
 }
@@ -117,6 +108,44 @@ function readInfoIni(string $text): array
             $info[$key] = qsettingsValue(trim(substr($line, $eq + 1)));
     }
     return $info;
+}
+
+// The signal, the fault address and the top frames of a crash handler's dump, each frame with
+// the file it lies in and its offset there (what addr2line takes); null for any other dump.
+function readCrashDump(string $name, string $text): ?array
+{
+    if (!str_starts_with($text, CRASH_MAGIC))
+        return null;
+    $crash = ['dump' => $name, 'signal' => null, 'signal_name' => null, 'address' => null, 'frames' => []];
+    $maps = [];
+    $frames = [];
+    $inMaps = false;
+    foreach (explode("\n", $text) as $line) {
+        if ($inMaps) {
+            if (preg_match('~^([0-9a-f]+)-([0-9a-f]+) \S+ ([0-9a-f]+) \S+ \d+ +(/.*)$~', $line, $m))
+                $maps[] = [hexdec($m[1]), hexdec($m[2]), hexdec($m[3]), $m[4]];
+        } elseif ($line === 'maps:') {
+            $inMaps = true;
+        } elseif (preg_match('/^signal: (\d+) (\w+)$/', $line, $m)) {
+            $crash['signal'] = (int) $m[1];
+            $crash['signal_name'] = $m[2];
+        } elseif (preg_match('/^address: (0x[0-9a-f]+)$/', $line, $m)) {
+            $crash['address'] = $m[1];
+        } elseif (preg_match('/^frame \d+: (0x[0-9a-f]+)$/', $line, $m) && count($frames) < RECEIPT_FRAMES) {
+            $frames[] = $m[1];
+        }
+    }
+    foreach ($frames as $frame) {
+        $address = hexdec(substr($frame, 2));
+        foreach ($maps as [$start, $end, $offset, $file]) {
+            if ($address >= $start && $address < $end) {
+                $frame .= sprintf(' %s+0x%x', $file, $address - $start + $offset);
+                break;
+            }
+        }
+        $crash['frames'][] = $frame;
+    }
+    return $crash;
 }
 
 function removeTree(string $dir): void
@@ -203,8 +232,12 @@ function acceptUpload(): void
     }
     $ini = $zip->getFromName('info.ini');
     $entries = [];
-    for ($i = 0; $i < $zip->numFiles; ++$i)
+    $crash = null;
+    for ($i = 0; $i < $zip->numFiles; ++$i) {
         $entries[] = $zip->getNameIndex($i);
+        if ($crash === null && $zip->getFromIndex($i, strlen(CRASH_MAGIC)) === CRASH_MAGIC)
+            $crash = readCrashDump($entries[$i], (string) $zip->getFromIndex($i, CRASH_READ_BYTES));
+    }
     $zip->close();
     if ($ini === false) {
         answer(422, 'Report refused: the archive holds no info.ini.');
@@ -237,6 +270,7 @@ function acceptUpload(): void
         'version' => $info['version'],
         'description' => $info['description'],
         'entries' => $entries,
+        'crash' => $crash,
     ];
     $json = json_encode($receipt, JSON_PRETTY_PRINT | JSON_UNESCAPED_SLASHES | JSON_UNESCAPED_UNICODE | JSON_INVALID_UTF8_SUBSTITUTE);
     $stored = @mkdir($incoming, 0777)
@@ -249,7 +283,8 @@ function acceptUpload(): void
         return;
     }
     error_log("collector: report $id stored in $final ($size bytes)");
-    answer(200, "Report $id received ($size bytes).");
+    $what = $crash === null ? '' : ": {$crash['signal_name']} at " . ($crash['address'] ?? 'no fault address');
+    answer(200, "Report $id received ($size bytes)$what.");
 }
 
 $path = parse_url($_SERVER['REQUEST_URI'], PHP_URL_PATH) ?: '/';
