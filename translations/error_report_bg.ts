@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>Клиентът на Velmora 3 се срина. Файл за отстраняване на грешки ще помогне
-на разработчиците да решат проблема. Моля, опишете в текстовото поле
-как може да се възпроизведе сривът.</translation>
+        <translation>Клиентът на Velmora 3 се срина. Файл за отстраняване на грешки
+ще помогне на разработчиците да решат проблема. Моля, опишете
+в текстовото поле как може да се възпроизведе сривът.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

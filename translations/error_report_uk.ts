@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>Клієнт Velmora 3 аварійно завершив роботу. Файл налагодження допоможе
-розробникам виправити проблему. Опишіть, будь ласка, у текстовому полі,
-як відтворити проблему.</translation>
+        <translation>Клієнт Velmora 3 аварійно завершив роботу. Файл налагодження
+допоможе розробникам виправити проблему. Опишіть, будь ласка,
+у текстовому полі, як відтворити проблему.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>
