@@ -1,11 +1,11 @@
 <?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
-<TS version="2.1" language="de_DE">
+<TS version="2.1" language="de">
 <context>
     <name>ErrorReport</name>
     <message>
         <source>Velmora 3 Error</source>
-        <translation>Velmora 3 Fehler</translation>
+        <translation>Fehler in Velmora 3</translation>
     </message>
     <message>
         <source>The Velmora 3 client has crashed. There is a debug file which will help
@@ -13,7 +13,7 @@ the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
         <translation>Der Velmora-3-Client ist abgestürzt. Eine Debug-Datei hilft den
 Entwicklern, das Problem zu beheben. Bitte beschreiben Sie im Textfeld,
-wie es zu dem Absturz kam.</translation>
+wie sich der Absturz nachstellen lässt.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

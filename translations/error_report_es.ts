@@ -1,6 +1,6 @@
 <?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
-<TS version="2.1" language="es_ES">
+<TS version="2.1" language="es">
 <context>
     <name>ErrorReport</name>
     <message>
@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>El cliente de Velmora 3 se ha bloqueado. Hay un archivo de depuración que
-ayudará a los desarrolladores a corregir el problema. Escriba en el campo
-de texto una descripción de cómo reproducir el problema.</translation>
+        <translation>El cliente de Velmora 3 se ha cerrado inesperadamente. Hay un archivo de
+depuración que ayudará a los desarrolladores a corregir el problema.
+Describa en el campo de texto cómo reproducirlo.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>
@@ -25,7 +25,7 @@ de texto una descripción de cómo reproducir el problema.</translation>
     </message>
     <message>
         <source>An error occured while transmitting the data.</source>
-        <translation>Se produjo un error al transmitir los datos.</translation>
+        <translation>Se ha producido un error al transmitir los datos.</translation>
     </message>
 </context>
 </TS>

@@ -1,6 +1,6 @@
 <?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
-<TS version="2.1" language="fr_FR">
+<TS version="2.1" language="fr">
 <context>
     <name>ErrorReport</name>
     <message>
@@ -17,11 +17,11 @@ de texte comment reproduire le problème.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>
-        <translation>Voulez-vous envoyer le rapport d&apos;erreur ?</translation>
+        <translation>Voulez-vous envoyer le rapport d&apos;erreur&#xa0;?</translation>
     </message>
     <message>
         <source>Thank you for your report!</source>
-        <translation>Merci pour votre rapport !</translation>
+        <translation>Merci pour votre rapport&#xa0;!</translation>
     </message>
     <message>
         <source>An error occured while transmitting the data.</source>

@@ -1,6 +1,6 @@
 <?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
-<TS version="2.1" language="ru_RU">
+<TS version="2.1" language="ru">
 <context>
     <name>ErrorReport</name>
     <message>
@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>Клиент Velmora 3 аварийно завершил работу. Отладочный файл поможет
-разработчикам исправить проблему. Опишите в текстовом поле,
-как воспроизвести ошибку.</translation>
+        <translation>Клиент Velmora 3 аварийно завершил работу. Отладочный файл
+поможет разработчикам исправить проблему. Пожалуйста, опишите
+в текстовом поле, как воспроизвести ошибку.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>
