@@ -94,7 +94,7 @@ void tst_Startup::closing_data()
     QTest::newRow("SIGTERM") << "C" << "Velmora 3 Error" << QString::number(SIGTERM);
     QTest::newRow("SIGHUP") << "C" << "Velmora 3 Error" << QString::number(SIGHUP);
     QTest::newRow("SIGINT") << "C" << "Velmora 3 Error" << QString::number(SIGINT);
-    QTest::newRow("No, in German") << "de_DE.UTF-8" << "Velmora 3 Fehler" << "alt+n";
+    QTest::newRow("No, in German") << "de_DE.UTF-8" << "Fehler in Velmora 3" << "alt+n";
 }
 
 // A window on a real X server, closed once its archive is prepared: the program ends
