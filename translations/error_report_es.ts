@@ -11,8 +11,8 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>El cliente de Velmora 3 se ha cerrado inesperadamente. Hay un archivo de
-depuración que ayudará a los desarrolladores a corregir el problema.
+        <translation>El cliente de Velmora 3 se ha cerrado inesperadamente. Hay un archivo
+de depuración que ayudará a los desarrolladores a corregir el problema.
 Describa en el campo de texto cómo reproducirlo.</translation>
     </message>
     <message>

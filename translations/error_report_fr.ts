@@ -12,8 +12,8 @@
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
         <translation>Le client Velmora 3 s&apos;est arrêté brutalement. Un fichier de débogage aidera
-les développeurs à corriger le problème. Veuillez décrire dans le champ
-de texte comment reproduire le problème.</translation>
+les développeurs à corriger le problème. Veuillez décrire
+dans le champ de texte comment reproduire le problème.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

@@ -11,8 +11,8 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>הלקוח של Velmora 3 קרס. קיים קובץ ניפוי שגיאות שיעזור למפתחים
-לתקן את הבעיה. נא לתאר בשדה הטקסט
+        <translation>הלקוח של Velmora 3 קרס. קיים קובץ ניפוי שגיאות
+שיעזור למפתחים לתקן את הבעיה. נא לתאר בשדה הטקסט
 כיצד ניתן לשחזר את התקלה.</translation>
     </message>
     <message>

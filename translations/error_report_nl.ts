@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>De Velmora 3-client is onverwacht afgesloten. Een debugbestand helpt de
-ontwikkelaars het probleem op te lossen. Beschrijf in het tekstveld hoe
-het probleem kan worden gereproduceerd.</translation>
+        <translation>De Velmora 3-client is onverwacht afgesloten. Een debugbestand helpt
+de ontwikkelaars het probleem op te lossen. Beschrijf in het tekstveld
+hoe het probleem kan worden gereproduceerd.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>Klient Velmora 3 uległ awarii. Plik debugowania pomoże programistom
-naprawić problem. Opisz w polu tekstowym, jak doprowadzić
-do tego błędu.</translation>
+        <translation>Klient Velmora 3 uległ awarii. Plik debugowania pomoże
+programistom naprawić problem. Opisz w polu tekstowym,
+jak odtworzyć ten błąd.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

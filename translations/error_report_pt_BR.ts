@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>O cliente Velmora 3 travou. Há um arquivo de depuração que ajudará
-os desenvolvedores a corrigir o problema. Digite no campo de texto
-uma descrição de como reproduzir o problema.</translation>
+        <translation>O cliente Velmora 3 fechou inesperadamente. Há um arquivo de depuração
+que ajudará os desenvolvedores a corrigir o problema. Descreva no
+campo de texto como reproduzir o problema.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>

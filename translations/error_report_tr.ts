@@ -11,9 +11,9 @@
         <source>The Velmora 3 client has crashed. There is a debug file which will help
 the developers to fix the problem. Please type a description in the text
 field to reproduce the issue.</source>
-        <translation>Velmora 3 istemcisi çöktü. Geliştiricilerin sorunu gidermesine yardımcı
-olacak bir hata ayıklama dosyası mevcut. Lütfen sorunun nasıl yeniden
-oluşturulabileceğini metin alanında açıklayın.</translation>
+        <translation>Velmora 3 istemcisi çöktü. Geliştiricilerin sorunu gidermesine
+yardımcı olacak bir hata ayıklama dosyası mevcut. Lütfen sorunun
+nasıl yeniden oluşturulabileceğini metin alanında açıklayın.</translation>
     </message>
     <message>
         <source>Do you want to send the error report?</source>
