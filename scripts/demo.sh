@@ -132,3 +132,5 @@ if [ -z "$receipt" ]; then
 fi
 cat "$receipt"
 echo "Report stored in $(dirname "$receipt")"
+# The collector read the handler's dump: the receipt names the signal the client died of.
+grep -q '"signal_name": *"SIGSEGV"' "$receipt" || fail "the receipt names no SIGSEGV"

@@ -1,13 +1,8 @@
 #ifndef HTTPSERVER_H
 #define HTTPSERVER_H
 
-#include <QByteArray>
 #include <QHash>
 #include <QTcpServer>
-
-QT_BEGIN_NAMESPACE
-class QTcpSocket;
-QT_END_NAMESPACE
 
 // A loopback HTTP/1.1 server for tests: records every request byte for byte and
 // answers each path with a canned response (404 and no body for unknown paths).
@@ -18,15 +13,10 @@ class HttpServer : public QTcpServer
 public:
     struct Request
     {
-        QByteArray method;
-        QByteArray target;
-        QByteArray head;
-        QByteArray body;
-
+        QByteArray method, target, head, body;
         // The value of the first header of that name; a null array when there is none.
         QByteArray header(const QByteArray &name) const;
     };
-
     struct Response
     {
         int status = 200;
@@ -36,10 +26,9 @@ public:
 
     // Listens on 127.0.0.1 at once; port 0 picks a free one.
     explicit HttpServer(quint16 port = 0);
-
     QString url(const QString &path) const;
-    void respond(const QByteArray &path, const Response &response);
 
+    QHash<QByteArray, Response> responses;  // by path, without the query
     QList<Request> requests;
 
 signals:
@@ -47,12 +36,6 @@ signals:
 
 protected:
     void incomingConnection(qintptr socketDescriptor) override;
-
-private:
-    void serve(QTcpSocket *socket);
-
-    QHash<QByteArray, Response> responses;
-    QHash<QTcpSocket *, QByteArray> pending;
 };
 
 #endif

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The reference collector: what it serves, what it stores, and what it refuses."""
+"""The reference collector: what it stores and what it refuses. (What it serves, the headless demo uses.)"""
 
 import hashlib
 import io
@@ -23,7 +23,7 @@ DUMP = (b'VELMORA-CRASH 1\nsignal: 11 SIGSEGV\naddress: 0x0000000000000010\nfram
         b'frame 1: 0x00007f0000001234\nmaps:\n555555554000-555555556000 r-xp 00001000 fe:00 7  /opt/v3/client\n')
 
 
-def report_zip(info_ini=INFO_INI, dump=b'MDMP\0\1'):
+def report_zip(info_ini=INFO_INI, dump=DUMP):
     buffer = io.BytesIO()
     with zipfile.ZipFile(buffer, 'w', zipfile.ZIP_DEFLATED) as z:
         z.writestr('client.log', 'renderer: device lost\n')
@@ -75,44 +75,28 @@ class CollectorTest(unittest.TestCase):
         except urllib.error.HTTPError as error:
             return error.code, error.read().decode()
 
-    def receipt(self, report):
-        with open(os.path.join(self.reports, report, 'receipt.json'), encoding='utf-8') as f:
-            return json.load(f)
-
-    def test_post_info_points_back_at_the_collector(self):
-        with urllib.request.urlopen(self.base + '/service-data/client-crashdump-postinfo.ini') as reply:
-            lines = [line.strip() for line in reply.read().decode().splitlines()]
-        self.assertEqual(lines[:4], ['[meta]', f'url = {self.base}/upload', 'filefield = dumpfile',
-                                     'mime = application/zip'])
-        self.assertIn('[postdata]', lines)
-
     def test_good_upload_is_stored_with_its_receipt(self):
         archive = report_zip()
         status, text = self.post({'dumpfile': ('../cv3dump_1700000000000.zip', archive)},
                                  {'product': 'Velmora 3', 'os': 'linux'})
         self.assertEqual(status, 200, text)
         report = text.split()[1]
-        self.assertEqual(text, f'Report {report} received ({len(archive)} bytes).')
+        # The crash handler's dump is read: its signal ends the line that the window shows.
+        self.assertEqual(text, f'Report {report} received ({len(archive)} bytes): SIGSEGV at 0x0000000000000010.')
         folder = os.path.join(self.reports, report)
         self.assertEqual(sorted(os.listdir(folder)), ['cv3dump_1700000000000.zip', 'receipt.json'])
         with open(os.path.join(folder, 'cv3dump_1700000000000.zip'), 'rb') as f:
             self.assertEqual(f.read(), archive)
-        receipt = self.receipt(report)
+        with open(os.path.join(folder, 'receipt.json'), encoding='utf-8') as f:
+            receipt = json.load(f)
         self.assertRegex(receipt.pop('time'), r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$')
-        self.assertLessEqual({'report': report, 'fields': {'product': 'Velmora 3', 'os': 'linux'},
-                              'file': 'cv3dump_1700000000000.zip', 'size': len(archive),
-                              'sha256': hashlib.sha256(archive).hexdigest(), 'version': '3.0.0-beta',
-                              'description': 'Größer Hafen, "Absturz" \\ €',
-                              'entries': ['client.log', 'crash.dmp', 'info.ini'], 'crash': None}.items(),
-                             receipt.items())
-
-    def test_crash_handler_dump_is_summed_up_in_the_receipt(self):
-        status, text = self.post({'dumpfile': ('a.zip', report_zip(dump=DUMP))})
-        self.assertEqual(status, 200, text)
-        self.assertTrue(text.endswith(' bytes): SIGSEGV at 0x0000000000000010.'), text)
-        self.assertEqual(self.receipt(text.split()[1])['crash'], {
-            'dump': 'crash.dmp', 'signal': 11, 'signal_name': 'SIGSEGV', 'address': '0x0000000000000010',
-            'frames': ['0x0000555555555505 /opt/v3/client+0x2505', '0x00007f0000001234']})
+        self.assertLessEqual({
+            'report': report, 'fields': {'product': 'Velmora 3', 'os': 'linux'}, 'file': 'cv3dump_1700000000000.zip',
+            'size': len(archive), 'sha256': hashlib.sha256(archive).hexdigest(), 'version': '3.0.0-beta',
+            'description': 'Größer Hafen, "Absturz" \\ €', 'entries': ['client.log', 'crash.dmp', 'info.ini'],
+            'crash': {'dump': 'crash.dmp', 'signal': 11, 'signal_name': 'SIGSEGV', 'address': '0x0000000000000010',
+                      'frames': ['0x0000555555555505 /opt/v3/client+0x2505', '0x00007f0000001234']}}.items(),
+            receipt.items())
 
     def test_bad_uploads_are_refused_and_leave_nothing(self):
         good = report_zip()

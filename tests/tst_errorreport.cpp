@@ -87,7 +87,7 @@ struct Session
     void open(HttpServer::Response postInfo = {200, goodPostInfo})
     {
         postInfo.body.replace("%1", server.url(QStringLiteral("/upload")).toLatin1());
-        server.respond(postInfoPath, postInfo);
+        server.responses.insert(postInfoPath, postInfo);
         window.reset(new ErrorReport(arguments));
         edit()->setPlainText(typed);
     }
@@ -146,8 +146,6 @@ private slots:
     void languages();
     void parse_data();
     void parse();
-    void stripQuotes_data();
-    void stripQuotes();
     void outcome_data();
     void outcome();
     void progress();
@@ -178,8 +176,6 @@ void tst_ErrorReport::initialLook()
     QCOMPARE(s.window->pos(), QPoint(250, 200));
     const int iconSize = s.window->style()->pixelMetric(QStyle::PM_MessageBoxIconSize);
     QCOMPARE(s.label("imgLabel")->pixmap(Qt::ReturnByValue).size(), QSize(iconSize, iconSize));
-    QVERIFY(s.edit()->toPlainText().isEmpty() && !s.edit()->isReadOnly());
-    QCOMPARE(s.look(), asked + "|Yes|No");
 }
 
 void tst_ErrorReport::languages_data()
@@ -189,16 +185,17 @@ void tst_ErrorReport::languages_data()
                                  "it", "ja", "ko", "lv", "nl", "nn", "pl", "pt_BR", "ru", "sk", "tr", "uk", "zh_CN", "zh_TW"})
         QTest::newRow(language) << language;
     QTest::newRow("sv: not shipped, English") << "sv";
+    QTest::newRow("pt_PT: only Brazilian ships, English") << "pt_PT";
 }
 
 // Every shipped catalogue, loaded as the program loads it, translates the window whole.
 void tst_ErrorReport::languages()
 {
     QFETCH(QString, language);
+    const bool shipped = language != QLatin1String("sv") && language != QLatin1String("pt_PT");
     const QString folder = QCoreApplication::applicationDirPath() + QStringLiteral("/translations/");
     QTranslator program, qt;
-    const bool shipped = program.load(folder + QStringLiteral("error_report_") + language);
-    QCOMPARE(shipped, language != QLatin1String("sv"));
+    QCOMPARE(program.load(folder + QStringLiteral("error_report_") + language), shipped);
     QCOMPARE(qt.load(folder + QStringLiteral("qt_") + language), shipped);
     QCoreApplication::installTranslator(&program);
     QCoreApplication::installTranslator(&qt);
@@ -225,12 +222,8 @@ void tst_ErrorReport::languages()
                               "The Velmora 3 client has crashed. There is a debug file which will help\nthe developers "
                               "to fix the problem. Please type a description in the text\nfield to reproduce the issue.",
                               asked, thanks, "An error occured while transmitting the data."};
-    if (!shipped) {
-        QCOMPARE(texts, english);
-        return;
-    }
     for (int i = 0; i < english.size(); ++i)
-        QVERIFY2(!texts.at(i).isEmpty() && texts.at(i) != english.at(i), qPrintable(english.at(i)));
+        QVERIFY2(texts.at(i) == english.at(i) ? !shipped : shipped && !texts.at(i).isEmpty(), qPrintable(texts.at(i)));
     QCOMPARE(texts.at(1).count(QLatin1Char('\n')), 2);
 }
 
@@ -269,25 +262,6 @@ void tst_ErrorReport::parse()
     QCOMPARE(flattened(table), pairs);
 }
 
-void tst_ErrorReport::stripQuotes_data()
-{
-    QTest::addColumn<QString>("value");
-    QTest::addColumn<QString>("stripped");
-
-    QTest::newRow("one pair goes") << "\"\"a\" b\"\"" << "\"a\" b\"";
-    QTest::newRow("leading only") << "\"a" << "\"a";
-    QTest::newRow("trailing only") << "a\"" << "a\"";
-    QTest::newRow("a lone quote") << "\"" << "";
-    QTest::newRow("blanks outside") << " \"a\"" << " \"a\"";
-}
-
-void tst_ErrorReport::stripQuotes()
-{
-    QFETCH(QString, value);
-    QFETCH(QString, stripped);
-    QCOMPARE(::stripQuotes(value), stripped);
-}
-
 void tst_ErrorReport::outcome_data()
 {
     QTest::addColumn<int>("argumentCount");
@@ -302,8 +276,9 @@ void tst_ErrorReport::outcome_data()
     using R = HttpServer::Response;
     const R good{200, goodPostInfo};
     const R answered{200, "Report 7 received."};
-    const R fieldsA{200, goodPostInfo + "[postdata]\n\"product\" = velmora\nchannel=\"\"\nos = \"linux\n"};
-    const R fieldsB{200, "[postdata]\nos = \"linux\nchannel=\"\"\n[meta]\nmime=\"application/zip\"\nurl = \"%1\"\n"
+    // One pair of quotes goes, a one-sided quote stays.
+    const R fieldsA{200, goodPostInfo + "[postdata]\n\"product\" = velmora\nchannel=\"\"\nos = \"linux\nv=\"1\"\"\n"};
+    const R fieldsB{200, "[postdata]\nv=\"1\"\"\nos = \"linux\nchannel=\"\"\n[meta]\nmime=\"application/zip\"\nurl = \"%1\"\n"
                          "filefield=report\n[postdata]\n\"product\" = velmora\n"};
     const QString done = thanks + "|Close";
     const QString badMeta = QStringLiteral("Error worng meta data!");
@@ -312,9 +287,9 @@ void tst_ErrorReport::outcome_data()
     QTest::newRow("yes, answered, no postdata") << 4 << good << "yes" << answered
             << QStringList{"Report 7 received."} << done << "" << described;
     QTest::newRow("early yes, empty answer, fields") << 4 << fieldsA << "early yes" << R{200, {}}
-            << QStringList{"Upload finished."} << done << "channel= os=\"linux product=velmora" << described;
+            << QStringList{"Upload finished."} << done << "channel= os=\"linux product=velmora v=1\"" << described;
     QTest::newRow("yes, same fields in another order") << 4 << fieldsB << "yes" << answered
-            << QStringList{"Report 7 received."} << done << "channel= os=\"linux product=velmora" << described;
+            << QStringList{"Report 7 received."} << done << "channel= os=\"linux product=velmora v=1\"" << described;
     QTest::newRow("yes, empty postdata section") << 4 << R{200, goodPostInfo + "[postdata]\n"} << "yes"
             << answered << QStringList{"Report 7 received."} << done << "" << described;
     QTest::newRow("yes, post-info ends at a NUL") << 4 << R{200, goodPostInfo + QByteArrayLiteral("[postdata]\na=1\n\0b=2\n[meta]\nmime=x")}
@@ -351,7 +326,7 @@ void tst_ErrorReport::outcome()
 
     Session s;
     s.arguments = s.arguments.mid(0, argumentCount + 1);
-    s.server.respond("/upload", upload);
+    s.server.responses.insert("/upload", upload);
     s.open(postInfo);
     if (action == QLatin1String("early yes"))
         s.click(QDialogButtonBox::Yes);
