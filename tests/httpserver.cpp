@@ -17,11 +17,6 @@ HttpServer::HttpServer(quint16 port)
         qWarning("HttpServer: cannot listen on 127.0.0.1:%u: %s", port, qPrintable(errorString()));
 }
 
-QString HttpServer::url(const QString &path) const
-{
-    return QStringLiteral("http://127.0.0.1:%1%2").arg(serverPort()).arg(path);
-}
-
 void HttpServer::incomingConnection(qintptr socketDescriptor)
 {
     auto *socket = new QTcpSocket(this);

@@ -26,7 +26,7 @@ public:
 
     // Listens on 127.0.0.1 at once; port 0 picks a free one.
     explicit HttpServer(quint16 port = 0);
-    QString url(const QString &path) const;
+    QString url(const QString &path) const { return QStringLiteral("http://127.0.0.1:%1%2").arg(serverPort()).arg(path); }
 
     QHash<QByteArray, Response> responses;  // by path, without the query
     QList<Request> requests;

@@ -8,9 +8,11 @@
 #include <quazip.h>
 
 #include <signal.h>
+#include <unistd.h>
 
-// Runs the real program as a child, on a private X server. A window, once made, fetches the
-// post-info file at once, so a request on the test port is the sign that a window opened.
+// How the program is started: by hand, as a child on a private X server, against a post-info file
+// on the test port (refused command lines end at once; a window ends with 0 when it is closed), and
+// by the crash handler of a client that really crashes.
 class tst_Startup : public QObject
 {
     Q_OBJECT
@@ -18,10 +20,10 @@ class tst_Startup : public QObject
 private slots:
     void initTestCase();
     void cleanupTestCase();
-    void startTest_data();
-    void startTest();
-    void closing_data();
-    void closing();
+    void run_data();
+    void run();
+    void crash_data();
+    void crash();
 
 private:
     QProcess xvfb;
@@ -42,70 +44,39 @@ void tst_Startup::cleanupTestCase()
     xvfb.waitForFinished();
 }
 
-// "/" is a folder and /dev/null a file that is none; no post-info file is served, so nothing is written.
-void tst_Startup::startTest_data()
+void tst_Startup::run_data()
 {
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<bool>("opens");
+    QTest::addColumn<QStringList>("args");      // DIR: a dump folder holding crash.dmp
+    QTest::addColumn<QByteArray>("locale");
+    QTest::addColumn<QString>("close");         // a signal's number, the keys to press; empty: refused
+    QTest::addColumn<bool>("archived");         // closed with an archive prepared
 
-    QTest::newRow("no arguments") << QStringList() << false;
-    QTest::newRow("two arguments") << QStringList{"1.0", "/"} << false;
-    QTest::newRow("six arguments") << QStringList{"1.0", "/", "c.log", "d.dmp", "x", "y"} << false;
-    QTest::newRow("Qt's own options leave too few") << QStringList{"-style", "fusion", "1.0"} << false;
-    QTest::newRow("folder alone") << QStringList{"1.0", "/", "client.txt"} << true;
-    QTest::newRow("log suffix alone") << QStringList{"1.0", "/dev/null", "client.log", "d.dmp"} << true;
-    QTest::newRow("only the last suffix counts") << QStringList{"1.0", "/nowhere", "a.tar.log"} << true;
-    QTest::newRow("five arguments") << QStringList{"1.0", "/", "c.log", "d.dmp", "spare"} << true;
-    QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "/dev/null", "client.LOG", "d.dmp"} << false;
-    QTest::newRow("neither") << QStringList{"1.0", "/nowhere", "client.txt", "d.dmp"} << false;
+    const QString term = QString::number(SIGTERM);
+    QTest::newRow("no arguments") << QStringList() << QByteArray("C") << "" << false;
+    QTest::newRow("two arguments") << QStringList{"1.0", "DIR"} << QByteArray("C") << "" << false;
+    QTest::newRow("six arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "x", "y"} << QByteArray("C") << "" << false;
+    QTest::newRow("Qt's own options leave too few") << QStringList{"-style", "fusion", "1.0"} << QByteArray("C") << "" << false;
+    QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "/dev/null", "c.LOG", "d.dmp"} << QByteArray("C") << "" << false;
+    QTest::newRow("neither folder nor log") << QStringList{"1.0", "/nowhere", "c.txt", "d.dmp"} << QByteArray("C") << "" << false;
+    QTest::newRow("folder alone, SIGHUP") << QStringList{"1.0", "DIR", "c.txt"} << QByteArray("C") << QString::number(SIGHUP) << false;
+    QTest::newRow("log suffix alone, SIGINT") << QStringList{"1.0", "/dev/null", "c.log", "d.dmp"} << QByteArray("C")
+                                              << QString::number(SIGINT) << false;
+    QTest::newRow("only the last suffix counts") << QStringList{"1.0", "/nowhere", "a.tar.log"} << QByteArray("C") << term << false;
+    QTest::newRow("five arguments, SIGTERM") << QStringList{"1.0", "DIR", "DIR/c.log", "crash.dmp", "spare"}
+                                             << QByteArray("C") << term << true;
+    QTest::newRow("No, in German") << QStringList{"1.0", "DIR", "DIR/c.log", "crash.dmp"} << QByteArray("de_DE.UTF-8")
+                                   << "alt+n" << true;
 }
 
-void tst_Startup::startTest()
+void tst_Startup::run()
 {
     QFETCH(QStringList, args);
-    QFETCH(bool, opens);
-
-    HttpServer server(TEST_SERVICE_PORT);
-    QSignalSpy requested(&server, &HttpServer::requestReceived);
-    QProcess program;
-    program.start(QStringLiteral(ERROR_REPORT_EXE), args);
-    QVERIFY(program.waitForStarted());
-    if (opens) {
-        QVERIFY(requested.wait());
-        QCOMPARE(program.state(), QProcess::Running);
-        program.kill();
-        program.waitForFinished();
-        return;
-    }
-    QVERIFY(program.waitForFinished());
-    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(program.exitCode(), 0);
-    QCOMPARE(program.readAllStandardOutput() + program.readAllStandardError(), QByteArray());
-    QCOMPARE(requested.count(), 0);
-}
-
-void tst_Startup::closing_data()
-{
-    QTest::addColumn<QByteArray>("locale");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<QString>("how");     // a signal's number, or the keys to press
-
-    QTest::newRow("SIGTERM") << QByteArray("C") << "Velmora 3 Error" << QString::number(SIGTERM);
-    QTest::newRow("SIGHUP") << QByteArray("C") << "Velmora 3 Error" << QString::number(SIGHUP);
-    QTest::newRow("SIGINT") << QByteArray("C") << "Velmora 3 Error" << QString::number(SIGINT);
-    QTest::newRow("No, in German") << QByteArray("de_DE.UTF-8") << "Fehler in Velmora 3" << "alt+n";
-}
-
-// Closed once its archive is prepared, the program ends with 0, having sent nothing, and
-// the archive is complete.
-void tst_Startup::closing()
-{
     QFETCH(QByteArray, locale);
-    QFETCH(QString, title);
-    QFETCH(QString, how);
+    QFETCH(QString, close);
+    QFETCH(bool, archived);
 
-    QTemporaryDir crash;
-    QFile dump(crash.filePath(QStringLiteral("crash.dmp")));
+    QTemporaryDir dir;
+    QFile dump(dir.filePath(QStringLiteral("crash.dmp")));
     QVERIFY(dump.open(QIODevice::WriteOnly) && dump.write("MDMP") == 4);
     dump.close();
     HttpServer server(TEST_SERVICE_PORT);
@@ -113,30 +84,97 @@ void tst_Startup::closing()
                             {200, "[meta]\nurl=" + server.url("/upload").toLatin1() + "\nfilefield=f\nmime=m\n"});
     qputenv("LANG", locale);
     QProcess program;
-    program.start(QStringLiteral(ERROR_REPORT_EXE), {"1.0", crash.path(), crash.filePath("client.log"), "crash.dmp"});
+    program.start(QStringLiteral(ERROR_REPORT_EXE), args.replaceInStrings("DIR", dir.path()));
     QVERIFY(program.waitForStarted());
-    // The dump leaves the folder once the archive holds it.
-    QTRY_VERIFY(!dump.exists());
-
-    const auto xdotool = [title](const QStringList &then) {
-        QProcess x;
-        x.start(QStringLiteral("xdotool"), QStringList{"search", "--onlyvisible", "--name", "^" + title + "$"} + then);
-        return x.waitForFinished() && x.exitStatus() == QProcess::NormalExit && x.exitCode() == 0;
-    };
-    QTRY_VERIFY(xdotool({}));
-    if (how.startsWith(QLatin1String("alt")))
-        QVERIFY(xdotool({"windowfocus", "--sync", "key", how}));
-    else
-        ::kill(program.processId(), how.toInt());
-    QVERIFY(program.waitForFinished());
+    if (close.isEmpty()) {
+        QVERIFY(program.waitForFinished());
+        QCOMPARE(program.readAllStandardOutput() + program.readAllStandardError(), QByteArray());
+    } else {
+        // Closed only once the post-info file is in and the dump, where there is one, archived.
+        QTRY_COMPARE(server.requests.size(), 1);
+        QTRY_COMPARE(dump.exists(), !archived);
+        const QString title = locale == "C" ? "Velmora 3 Error" : "Fehler in Velmora 3";
+        const auto xdotool = [title](const QStringList &then) {
+            QProcess x;
+            x.start(QStringLiteral("xdotool"), QStringList{"search", "--onlyvisible", "--name", "^" + title + "$"} + then);
+            return x.waitForFinished() && x.exitStatus() == QProcess::NormalExit && x.exitCode() == 0;
+        };
+        QTRY_VERIFY(xdotool({}));
+        QVERIFY(close.startsWith(QLatin1String("alt")) ? xdotool({"windowfocus", "--sync", "key", close})
+                                                       : ::kill(program.processId(), close.toInt()) == 0);
+        QVERIFY(program.waitForFinished());
+    }
     QCOMPARE(program.exitStatus(), QProcess::NormalExit);
     QCOMPARE(program.exitCode(), 0);
-    QCOMPARE(server.requests.size(), 1);
-    const QStringList left = QDir(crash.path()).entryList(QDir::Files);
-    QCOMPARE(left.size(), 1);
-    QuaZip zip(crash.filePath(left.first()));
-    QVERIFY(zip.open(QuaZip::mdUnzip));
-    QCOMPARE(zip.getFileNameList(), (QStringList{"client.log", "crash.dmp", "info.ini"}));
+    QCOMPARE(server.requests.size(), close.isEmpty() ? 0 : 1);
+    const QStringList zips = QDir(dir.path()).entryList({"cv3dump_*.zip"});
+    QCOMPARE(zips.size(), archived ? 1 : 0);
+    if (archived) {
+        QuaZip zip(dir.filePath(zips.first()));
+        QVERIFY(zip.open(QuaZip::mdUnzip));
+        QCOMPARE(zip.getFileNameList(), (QStringList{"c.log", "crash.dmp", "info.ini"}));
+    }
+}
+
+void tst_Startup::crash_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<int>("signal");        // 0: the dump folder is missing, and the install refuses
+    QTest::addColumn<QString>("signalName");
+
+    QTest::newRow("segv") << "segv" << SIGSEGV << "SIGSEGV";
+    QTest::newRow("abort") << "abort" << SIGABRT << "SIGABRT";
+    QTest::newRow("fpe") << "fpe" << SIGFPE << "SIGFPE";
+    // Only the alternate stack leaves the handler room to run.
+    QTest::newRow("stack overflow") << "stack" << SIGSEGV << "SIGSEGV";
+    QTest::newRow("no dump folder") << "segv" << 0 << QString();
+}
+
+void tst_Startup::crash()
+{
+    QFETCH(QString, kind);
+    QFETCH(int, signal);
+    QFETCH(QString, signalName);
+
+    QTemporaryDir tmp;
+    const QString folder = tmp.filePath("dumps");
+    QVERIFY(!signal || QDir().mkdir(folder));
+    const QString log = tmp.filePath("client.log");
+    QProcess client;
+    client.start(DEMOCLIENT_EXE, {"--crash=" + kind, "--dump-folder", folder, "--log", log, "--sender", STUB_SENDER});
+    QVERIFY(client.waitForStarted());
+    const qint64 pid = client.processId();
+    QVERIFY(client.waitForFinished(-1));
+    if (!signal) {
+        // The demo client says that the install refused with an exit code of its own.
+        QCOMPARE(client.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(client.exitCode(), 3);
+        return;
+    }
+    QCOMPARE(client.exitStatus(), QProcess::CrashExit);
+    QCOMPARE(client.exitCode(), signal);
+
+    const QStringList dumps = QDir(folder).entryList({"*.dmp"}, QDir::Files);
+    QCOMPARE(dumps.size(), 1);
+    QVERIFY2(QRegularExpression(QString("^crash-%1-\\d+\\.dmp$").arg(pid)).match(dumps[0]).hasMatch(),
+             qPrintable(dumps[0]));
+    const auto read = [folder](const QString &name) {
+        QFile file(QDir(folder).filePath(name));
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+    };
+    const QStringList lines = read(dumps[0]);
+    QCOMPARE(lines.value(0), QStringLiteral("VELMORA-CRASH 1"));
+    QVERIFY(lines.contains(QString("signal: %1 %2").arg(signal).arg(signalName)));
+
+    QTRY_COMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files).size(), 1);
+    const QString record = QDir(folder).entryList({"sender-*.txt"}, QDir::Files).at(0);
+    QStringList got = read(record);
+    const QStringList ids = got.takeLast().split(' ');
+    QCOMPARE(got, QStringList({"3.0.0", QFileInfo(folder).canonicalFilePath(), log, dumps[0], signalName}));
+    // A session of its own, which it leads: neither the client's end nor a signal to the
+    // test's session reaches it.
+    QCOMPARE(ids.value(1), record.mid(7).chopped(4));
+    QVERIFY(ids.value(1).toLongLong() != getsid(0));
 }
 
 QTEST_GUILESS_MAIN(tst_Startup)
