@@ -29,7 +29,8 @@ Q_DECLARE_METATYPE(Fill)
 Q_DECLARE_METATYPE(HttpServer::Response)
 
 static const QByteArray postInfoPath = "/service-data/client-crashdump-postinfo.ini";
-static const QByteArray goodPostInfo = "[meta]\nurl=%1\nfilefield=report\nmime=application/zip\n";
+// A content type of the vendor's own, so that nothing can stand in for it unnoticed.
+static const QByteArray goodPostInfo = "[meta]\nurl=%1\nfilefield=report\nmime=application/x-cv3dump\n";
 static const QByteArray dump = QByteArray("MDMP\0\1\2", 7).repeated(5000);
 static const QString typed = QStringLiteral("Saved a game\n  then it  froze");
 static const QString described = QStringLiteral("Saved a game then it froze");
@@ -484,7 +485,7 @@ void tst_ErrorReport::outcome_data()
     const QByteArray good = goodPostInfo;
     // One pair of quotes goes, a one-sided quote stays; the order of the lines does not matter.
     const QByteArray fieldsA = good + "[postdata]\n\"product\" = velmora\nchannel=\"\"\nos = \"linux\nv=\"1\"\"\n";
-    const QByteArray fieldsB = "[postdata]\nv=\"1\"\"\nos = \"linux\nchannel=\"\"\n[meta]\nmime=\"application/zip\"\n"
+    const QByteArray fieldsB = "[postdata]\nv=\"1\"\"\nos = \"linux\nchannel=\"\"\n[meta]\nmime=\"application/x-cv3dump\"\n"
                                "url = \"%1\"\nfilefield=report\n[postdata]\n\"product\" = velmora\n";
     const QString sent = "channel= os=\"linux product=velmora v=1\"";
     const QString done = thanks + "|Close", open = asked + "|Yes|No", bad = QStringLiteral("Error worng meta data!");
@@ -503,7 +504,7 @@ void tst_ErrorReport::outcome_data()
     outcomeRow("yes, 413 with a body", good, "yes", {"Error: 299", "Too large"}, done, "", {413, "Too large"});
     outcomeRow("yes, connection dropped", good, "yes", {"Error: 2", "Upload finished."}, done, "", {200, {}, true});
     outcomeRow("yes, Meta is not meta", QByteArray(good).replace("[meta]", "[Meta]"), "yes", {bad}, "-|Close", "none");
-    outcomeRow("yes, mime a lone quote", QByteArray(good).replace("application/zip", "\""), "yes", {bad}, "-|Close", "none");
+    outcomeRow("yes, mime a lone quote", QByteArray(good).replace("application/x-cv3dump", "\""), "yes", {bad}, "-|Close", "none");
     outcomeRow("no", good, "no", typedLines, open, "none");
     outcomeRow("post-info 500 with a body, closed", good, "close", typedLines + QStringList{"Error: 401"}, open, "none",
                {}, infoIni(described + " Error: 401"), [](Session &) {}, {}, 500);
@@ -599,7 +600,7 @@ void tst_ErrorReport::outcome()
         // The archive goes last, byte for byte as it lies in the dump folder.
         const QByteArray delimiter = "--" + type.mid(type.indexOf('=') + 1);
         QVERIFY(post.body.endsWith(delimiter + "\r\nContent-Disposition: form-data; name=\"report\"; filename=\""
-                                   + QFileInfo(kept).fileName().toLatin1() + "\"\r\nContent-Type: application/zip\r\n\r\n"
+                                   + QFileInfo(kept).fileName().toLatin1() + "\"\r\nContent-Type: application/x-cv3dump\r\n\r\n"
                                    + contents(kept) + "\r\n" + delimiter + "--\r\n"));
     }
 
