@@ -373,7 +373,7 @@ void tst_ErrorReport::newWindow()
                                   Q_ARG(qint64, report.first), Q_ARG(qint64, report.second));
     QCOMPARE(s.edit()->toPlainText(), QStringLiteral("Sent: 0/5000 bytes\nSent: 7/9 bytes"));
     QCOMPARE(s.window->windowFlags() & (Qt::WindowCloseButtonHint | Qt::WindowMinMaxButtonsHint), Qt::WindowCloseButtonHint);
-    QVERIFY(!s.window->windowIcon().isNull());
+    QVERIFY(!s.window->windowIcon().pixmap(16).isNull());
     // Centred in the offscreen platform's 800 x 600 screen.
     QCOMPARE(s.window->pos(), QPoint(250, 200));
     const int iconSize = s.window->style()->pixelMetric(QStyle::PM_MessageBoxIconSize);
