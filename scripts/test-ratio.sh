@@ -9,5 +9,6 @@ count() {
 }
 
 tests=$(count tests)
-other=$(count src crashhandler tools bench fuzz scripts .ci packaging CMakeLists.txt translations/CMakeLists.txt)
+# The other code as the suite's budget was set: the sender's own folders and every CMake file.
+other=$(count src tools bench fuzz scripts .ci $(git ls-files '*CMakeLists.txt' '*.cmake' | grep -v '^tests/'))
 awk -v t="$tests" -v o="$other" 'BEGIN { printf "test code %d, other code %d, ratio %.2f\n", t, o, t / o }'
