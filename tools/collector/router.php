@@ -111,11 +111,9 @@ function readInfoIni(string $text): array
 }
 
 // The signal, the fault address and the top frames of a crash handler's dump, each frame with
-// the file it lies in and its offset there (what addr2line takes); null for any other dump.
-function readCrashDump(string $name, string $text): ?array
+// the file it lies in and its offset there (what addr2line takes).
+function readCrashDump(string $name, string $text): array
 {
-    if (!str_starts_with($text, CRASH_MAGIC))
-        return null;
     $crash = ['dump' => $name, 'signal' => null, 'signal_name' => null, 'address' => null, 'frames' => []];
     $maps = [];
     $frames = [];
