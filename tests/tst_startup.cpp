@@ -165,7 +165,7 @@ void tst_Startup::crash()
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
     };
     const QStringList lines = read(dumps[0]);
-    QCOMPARE(lines.value(0), QStringLiteral("VELMORA-CRASH 1"));
+    QCOMPARE(lines.value(0), QStringLiteral("VELMORA-CRASH 2"));
     QVERIFY(lines.contains(QString("signal: %1 %2").arg(signal).arg(signalName)));
 
     QTRY_COMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files).size(), 1);
