@@ -1,0 +1,174 @@
+<?php
+// The archive store: one file per report, found from the report's id alone.
+declare(strict_types=1);
+
+const REPORT_ID_PATTERN = '/^[0-9]{8}-[0-9a-f]{16}$/D';
+
+// The UTC date of receipt and 64 random bits: unique across any number of collectors
+// without asking anyone.
+function newReportId(): string
+{
+    return gmdate('Ymd') . '-' . bin2hex(random_bytes(8));
+}
+
+function isReportId(string $id): bool
+{
+    return preg_match(REPORT_ID_PATTERN, $id) === 1;
+}
+
+// The store has no room left: the upload may be tried again once it has.
+final class StoreFullException extends RuntimeException
+{
+}
+
+interface ReportStore
+{
+    // Takes a durable copy of the file under the id; returns [size, sha256] of what it stored.
+    public function put(string $id, string $source): array;
+
+    // The stored archive, open for reading, or null if there is none.
+    public function open(string $id);
+
+    public function remove(string $id): void;
+
+    // Removes the archives received before the day $firstKept (YYYYMMDD), a day at a time;
+    // $removing gets each day's ids before its files go. Returns how many went.
+    public function removeOlder(string $firstKept, callable $removing): int;
+
+    // Removes what interrupted writes left behind, once older than $seconds; younger ones may
+    // be another collector's write still in flight. Returns how many went.
+    public function sweep(int $seconds): int;
+}
+
+// The store as a folder, which may be a mount shared by several collectors:
+// ROOT/YYYYMMDD/<id>.zip.
+final class FileStore implements ReportStore
+{
+    private const CHUNK = 1 << 20;
+
+    public function __construct(private string $root)
+    {
+    }
+
+    public function path(string $id): string
+    {
+        if (!isReportId($id))
+            throw new InvalidArgumentException('not a report id');
+        return $this->root . '/' . substr($id, 0, 8) . "/$id.zip";
+    }
+
+    public function put(string $id, string $source): array
+    {
+        error_clear_last();
+        $path = $this->path($id);
+        $dir = dirname($path);
+        $newDir = !is_dir($dir);
+        if ($newDir && !@mkdir($dir, 0755) && !is_dir($dir))
+            throw self::failure("cannot create $dir");
+        $temp = "$dir/.$id.zip.tmp";
+        $out = @fopen($temp, 'xb');
+        if ($out === false)
+            throw self::failure("cannot create $temp");
+        try {
+            $hash = hash_init('sha256');
+            $size = 0;
+            $in = fopen($source, 'rb');
+            while (($chunk = fread($in, self::CHUNK)) !== false && $chunk !== '') {
+                if (@fwrite($out, $chunk) !== strlen($chunk))
+                    throw self::failure("cannot write $temp");
+                hash_update($hash, $chunk);
+                $size += strlen($chunk);
+            }
+            fclose($in);
+            // The rename makes the archive visible; it must not show before its bytes are on disk.
+            if (!@fflush($out) || !@fsync($out))
+                throw self::failure("cannot sync $temp");
+            fclose($out);
+            $out = null;
+            if (!@rename($temp, $path))
+                throw self::failure("cannot rename $temp");
+        } catch (Throwable $e) {
+            if ($out !== null)
+                fclose($out);
+            @unlink($temp);
+            throw $e;
+        }
+        self::syncFolder($dir);
+        if ($newDir)
+            self::syncFolder($this->root);
+        return [$size, hash_final($hash)];
+    }
+
+    public function open(string $id)
+    {
+        $stream = @fopen($this->path($id), 'rb');
+        return $stream === false ? null : $stream;
+    }
+
+    public function remove(string $id): void
+    {
+        $path = $this->path($id);
+        if (!@unlink($path) && file_exists($path))
+            throw self::failure("cannot remove $path");
+    }
+
+    public function removeOlder(string $firstKept, callable $removing): int
+    {
+        $removed = 0;
+        foreach (self::days($this->root) as $day) {
+            if ($day >= $firstKept)
+                continue;
+            $dir = "$this->root/$day";
+            $ids = [];
+            foreach (scandir($dir) as $name) {
+                if (str_ends_with($name, '.zip') && isReportId(substr($name, 0, -4)))
+                    $ids[] = substr($name, 0, -4);
+            }
+            $removing($ids);
+            foreach ($ids as $id)
+                $this->remove($id);
+            $removed += count($ids);
+            // A folder that still holds a write in flight stays for the next round.
+            @rmdir($dir);
+        }
+        return $removed;
+    }
+
+    public function sweep(int $seconds): int
+    {
+        $swept = 0;
+        $before = time() - $seconds;
+        foreach (self::days($this->root) as $day) {
+            foreach (glob("$this->root/$day/.*.zip.tmp") as $temp) {
+                $changed = @filemtime($temp);
+                if ($changed !== false && $changed < $before && @unlink($temp))
+                    ++$swept;
+            }
+        }
+        return $swept;
+    }
+
+    private static function days(string $root): array
+    {
+        $days = array_filter(scandir($root) ?: [], fn ($name) => preg_match('/^[0-9]{8}$/D', $name) === 1);
+        sort($days);
+        return $days;
+    }
+
+    private static function syncFolder(string $dir): void
+    {
+        $handle = @fopen($dir, 'r');
+        if ($handle === false || !@fsync($handle))
+            throw self::failure("cannot sync $dir");
+        fclose($handle);
+    }
+
+    // A full disk is told apart from other failures: it asks the sender to try again later.
+    private static function failure(string $what): RuntimeException
+    {
+        $error = error_get_last()['message'] ?? '';
+        if (str_contains($error, 'No space left') || str_contains($error, 'Disk quota exceeded'))
+            return new StoreFullException("$what: $error");
+        return new RuntimeException("$what: $error");
+    }
+}
