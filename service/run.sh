@@ -149,7 +149,8 @@ else
 fi
 if [ "$rate_limit" -gt 0 ]; then
     zone_line="limit_req_zone \$upload_limit_key zone=uploads:10m rate=${rate_limit}r/m;"
-    limit_line="limit_req zone=uploads burst=$rate_limit nodelay;"
+    # A burst of N at once, then one every 60/N seconds.
+    limit_line="limit_req zone=uploads burst=$((rate_limit - 1)) nodelay;"
 else
     zone_line="" limit_line=""
 fi
@@ -178,6 +179,7 @@ php "$here/web/maintain.php" || die "the store $store could not be tidied"
 
 pids=()
 names=()
+logs=()
 stop_all() {
     trap '' TERM INT
     local pid tries=0
@@ -197,15 +199,27 @@ stopped() {
 started() {
     pids+=("$1")
     names+=("$2")
+    logs+=("$3")
+}
+# Tells which process ended, with the end of its log, and stops the rest.
+ended() {
+    if grep -q 'Address already in use' "${logs[$1]}" 2>/dev/null; then
+        die "port $port on $host is taken by another program"
+    fi
+    tail -n 5 "${logs[$1]}" >&2 2>/dev/null || true
+    die "${names[$1]} stopped $2 (its log: ${logs[$1]})"
 }
 trap stopped TERM INT
 trap stop_all EXIT
 
-# nginx first: it binds the port, and a port taken must fail before anything else starts.
-"$nginx" -e stderr -p "$run" -c "$run/nginx.conf" &
-started $! nginx
-"$fpm" -F -y "$run/php-fpm.conf" $fpm_root &
-started $! php-fpm
+# A port that answers is taken; one bound but not listening makes nginx fail below.
+if (exec 3<>"/dev/tcp/$host/$port") 2>/dev/null; then
+    die "port $port on $host is taken by another program"
+fi
+"$nginx" -e stderr -p "$run" -c "$run/nginx.conf" 2>>"$data/log/nginx.log" &
+started $! nginx "$data/log/nginx.log"
+"$fpm" -F -y "$run/php-fpm.conf" $fpm_root 2>>"$data/log/php-fpm.log" &
+started $! php-fpm "$data/log/php-fpm.log"
 
 ready() {
     local code
@@ -216,11 +230,7 @@ ready() {
 tries=0
 until ready; do
     for i in "${!pids[@]}"; do
-        if ! kill -0 "${pids[$i]}" 2>/dev/null; then
-            tail -n 5 "$data/log/nginx-error.log" 2>/dev/null | grep -q 'Address already in use'  \
-                && die "port $port on $host is taken by another program"
-            die "${names[$i]} stopped at start (its messages are above)"
-        fi
+        kill -0 "${pids[$i]}" 2>/dev/null || ended "$i" "at start"
     done
     [ $((tries += 1)) -lt 300 ] || die "the service did not answer on $listen within a minute"
     sleep 0.2
@@ -230,8 +240,9 @@ if [ "$processors" -gt 0 ]; then
     processor=${processor:-$here/../build/bin/velmora-processor}
     if [ -x "$processor" ]; then
         for n in $(seq 1 "$processors"); do
-            "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" "${symbols[@]}" &
-            started $! "processor $n"
+            "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" "${symbols[@]}" \
+                2>>"$data/log/processor-$n.log" &
+            started $! "processor $n" "$data/log/processor-$n.log"
         done
     else
         echo "No processor at $processor: reports will wait unprocessed."
@@ -239,6 +250,7 @@ if [ "$processors" -gt 0 ]; then
 fi
 
 echo "Service on http://$url_host/, data in $data"
+echo "Logs in $data/log/"
 
 # Tidies the store once an hour; any started process that ends on its own ends the service.
 while true; do
@@ -252,6 +264,6 @@ while true; do
     fi
     kill "$timer" 2>/dev/null || true
     for i in "${!pids[@]}"; do
-        [ "${pids[$i]}" = "${finished:-}" ] && die "${names[$i]} stopped unexpectedly; stopping the service"
+        [ "${pids[$i]}" != "${finished:-}" ] || ended "$i" "unexpectedly; stopping the service"
     done
 done

@@ -14,6 +14,7 @@ import time
 import zipfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+RUN_SH = os.path.join(ROOT, 'service/run.sh')
 # Only a hang ever waits this long.
 HANG_SECONDS = 60
 INFO_INI = '[General]\nversion=3.0.0\ndescription=It crashed.\n'
@@ -93,6 +94,24 @@ def exchange(port, raw):
     return int(lines[0].split()[1]), headers.get('content-type', ''), body.decode('utf-8', 'replace')
 
 
+def descendants(pid):
+    """The processes that pid started, and theirs."""
+    children = {}
+    for entry in filter(str.isdigit, os.listdir('/proc')):
+        try:
+            with open('/proc/%s/stat' % entry) as f:
+                parent = int(f.read().rsplit(')', 1)[1].split()[1])
+        except (OSError, ValueError, IndexError):
+            continue
+        children.setdefault(parent, []).append(int(entry))
+    found, todo = [], [pid]
+    while todo:
+        started = children.get(todo.pop(), [])
+        found += started
+        todo += started
+    return found
+
+
 def query(db_url, sql):
     """Rows as dicts, read through the service's own database code, for SQLite and PostgreSQL alike."""
     script = ('require $argv[1]; $db = connectDatabase($argv[2]);'
@@ -115,7 +134,7 @@ class Service:
     def start(self):
         os.makedirs(self.data, exist_ok=True)
         self.log = open(os.path.join(self.data, 'service.log'), 'ab')
-        self.process = subprocess.Popen([os.path.join(ROOT, 'service/run.sh'), *self.options],
+        self.process = subprocess.Popen([RUN_SH, *self.options],
                                         stdout=subprocess.PIPE, stderr=self.log)
         self.output = b''
         deadline = time.monotonic() + HANG_SECONDS
@@ -137,8 +156,12 @@ class Service:
             self.log.close()
 
     def messages(self):
-        with open(os.path.join(self.data, 'service.log'), errors='replace') as f:
-            return f.read()
+        text = ''
+        for name in ('service.log', 'log/nginx.log', 'log/php-fpm.log', 'log/php.log'):
+            if os.path.exists(os.path.join(self.data, name)):
+                with open(os.path.join(self.data, name), errors='replace') as f:
+                    text += '--- %s\n%s' % (name, f.read()[-4000:])
+        return text
 
     def send(self, raw):
         return exchange(self.port, raw)

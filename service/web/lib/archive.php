@@ -22,20 +22,19 @@ const DESCRIPTION_MAX_CHARS = 4000;
 function checkArchive(string $path, int $maxUnpacked): array
 {
     $zip = new ZipArchive();
+    // CHECKCONS also refuses an archive that names an entry twice.
     if ($zip->open($path, ZipArchive::RDONLY | ZipArchive::CHECKCONS) !== true)
         throw new Refusal(422, 'Report refused: the file is not a readable zip archive.');
     try {
         $count = $zip->count();
         if ($count > ARCHIVE_MAX_ENTRIES)
             throw new Refusal(422, "Report refused: the archive holds $count entries, more than " . ARCHIVE_MAX_ENTRIES . '.');
-        $names = [];
         $ini = null;
         $unpacked = 0;
         for ($i = 0; $i < $count; ++$i) {
             $stat = $zip->statIndex($i);
-            if ($stat === false || isset($names[$stat['name']]))
-                throw new Refusal(422, 'Report refused: the archive lists an entry twice or unreadably.');
-            $names[$stat['name']] = true;
+            if ($stat === false)
+                throw new Refusal(422, "Report refused: entry $i of the archive cannot be read.");
             $isIni = $stat['name'] === 'info.ini';
             $stream = $stat['encryption_method'] === ZipArchive::EM_NONE ? @$zip->getStreamIndex($i) : false;
             if ($stream === false)
