@@ -184,7 +184,13 @@ stop_all() {
     trap '' TERM INT
     local pid tries=0
     [ -z "${timer:-}" ] || kill "$timer" 2>/dev/null || true
-    for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+    # nginx and PHP-FPM stop gracefully on QUIT, finishing the uploads under way.
+    for i in "${!pids[@]}"; do
+        case ${names[$i]} in
+            nginx|php-fpm) kill -QUIT "${pids[$i]}" 2>/dev/null || true ;;
+            *) kill -TERM "${pids[$i]}" 2>/dev/null || true ;;
+        esac
+    done
     # Everything has until a little before five seconds; then it is killed.
     for pid in "${pids[@]}"; do
         while kill -0 "$pid" 2>/dev/null && [ $((tries += 1)) -lt 45 ]; do sleep 0.1; done
@@ -237,7 +243,7 @@ until ready; do
 done
 
 if [ "$processors" -gt 0 ]; then
-    processor=${processor:-$here/../build/bin/velmora-processor}
+    processor=${processor:-$(dirname "$here")/build/bin/velmora-processor}
     if [ -x "$processor" ]; then
         for n in $(seq 1 "$processors"); do
             "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" "${symbols[@]}" \
