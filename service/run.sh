@@ -156,12 +156,11 @@ else
 fi
 include_lines=
 for file in "${includes[@]}"; do include_lines+="include \"$file\";"$'\n'; done
-vars=(RUN "$run" DATA "$data" WEB "$here/web" LISTEN "$listen" USER "$user_line"
+vars=(RUN "$run" DATA "$data" WEB "$here/web" CONF "$here/conf" LISTEN "$listen" USER "$user_line"
       MAX_BYTES "$max_bytes" MAX_BODY $((max_bytes + 65536)) BODY_TIMEOUT "$body_timeout"
       RATE_LIMIT_ZONE "$zone_line" RATE_LIMIT "$limit_line" INCLUDES "$include_lines"
       WORKERS "$workers" UPLOAD_URL "$public_url")
 render "$here/conf/nginx.conf.in" "$run/nginx.conf"
-render "$here/conf/fastcgi.conf.in" "$run/fastcgi.conf"
 render "$here/conf/php-fpm.conf.in" "$run/php-fpm.conf"
 render "$here/conf/postinfo.ini.in" "$run/www/service-data/client-crashdump-postinfo.ini"
 for template in "$here"/conf/locations/*.conf.in; do
