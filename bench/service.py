@@ -14,7 +14,7 @@ import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, '../tests/service'))
-from servicefixture import Postgres, Service, archive, multipart  # noqa: E402
+from servicefixture import Postgres, Service, archive, upload_request  # noqa: E402
 
 CLIENTS = 16
 SECONDS = int(sys.argv[1]) if len(sys.argv) > 1 else 10
@@ -54,10 +54,10 @@ def run(work, name, db):
         for _ in range(ROUNDS):
             floors.append(wrk(url + '/floor', script))
             uploads.append(wrk(url + '/upload', script))
-        rows = len(service.rows())
-        archives = len(service.stored()[0])
     finally:
+        # Counted once the uploads still under way when wrk stopped are finished.
         service.stop()
+    rows, archives = len(service.rows()), len(service.stored()[0])
     floor, upload = median(floors), median(uploads)
     for label, (rate, p50, p99) in (('floor (204 after parsing)', floor), ('/upload, ' + name, upload)):
         print('%-28s %9.1f %8.1f %8.1f' % (label, rate, p50, p99))
@@ -76,7 +76,9 @@ def main():
     work = tempfile.mkdtemp(prefix='velmora-bench.')
     postgres = None
     try:
-        body, content_type = multipart(files=[('dumpfile', 'cv3dump_1.zip', archive(dump=os.urandom(400 * 1024)))])
+        # The body of the fixture's upload request, with the sender's form fields.
+        body = upload_request(archive(dump=os.urandom(400 * 1024))).split(b'\r\n\r\n', 1)[1]
+        content_type = 'multipart/form-data; boundary=B'
         with open(os.path.join(work, 'body'), 'wb') as f:
             f.write(body)
         with open(os.path.join(work, 'upload.lua'), 'w') as f:
