@@ -3,6 +3,8 @@
 # templates in conf/, the database migrated first, and the processors when they are built.
 # SIGTERM or SIGINT stops everything it started.
 set -euo pipefail
+# Reports hold users' logs and dumps, and the configuration may hold the database's password.
+umask 077
 
 here=$(dirname "$(readlink -f "$0")")
 host=127.0.0.1
