@@ -1,0 +1,134 @@
+<?php
+// Checks an uploaded report archive without extracting it, and reads its info.ini.
+declare(strict_types=1);
+
+// An upload that is refused: the status and the one line the sender's window shows.
+final class Refusal extends Exception
+{
+    public function __construct(public readonly int $status, string $line)
+    {
+        parent::__construct($line);
+    }
+}
+
+const ARCHIVE_MAX_ENTRIES = 16;
+const INFO_INI_MAX_BYTES = 64 * 1024;
+const VERSION_MAX_CHARS = 128;
+const DESCRIPTION_MAX_CHARS = 4000;
+
+// Every entry is inflated as a stream and its real bytes are counted against the caps and checked
+// against its stated size and CRC-32, so a damaged archive or a zip bomb is refused and no entry
+// is ever written out under its own name. Returns info.ini's version and description.
+function checkArchive(string $path, int $maxUnpacked): array
+{
+    $zip = new ZipArchive();
+    // CHECKCONS also refuses an archive that names an entry twice.
+    if ($zip->open($path, ZipArchive::RDONLY | ZipArchive::CHECKCONS) !== true)
+        throw new Refusal(422, 'Report refused: the file is not a readable zip archive.');
+    try {
+        $count = $zip->count();
+        if ($count > ARCHIVE_MAX_ENTRIES)
+            throw new Refusal(422, "Report refused: the archive holds $count entries, more than " . ARCHIVE_MAX_ENTRIES . '.');
+        $ini = null;
+        $unpacked = 0;
+        for ($i = 0; $i < $count; ++$i) {
+            $stat = $zip->statIndex($i);
+            if ($stat === false)
+                throw new Refusal(422, "Report refused: entry $i of the archive cannot be read.");
+            $isIni = $stat['name'] === 'info.ini';
+            $stream = $stat['encryption_method'] === ZipArchive::EM_NONE ? @$zip->getStreamIndex($i) : false;
+            if ($stream === false)
+                throw new Refusal(422, "Report refused: entry $i of the archive cannot be read.");
+            $crc = hash_init('crc32b');
+            $size = 0;
+            $text = '';
+            while (($chunk = @fread($stream, 1 << 20)) !== false && $chunk !== '') {
+                $size += strlen($chunk);
+                $unpacked += strlen($chunk);
+                if ($unpacked > $maxUnpacked) {
+                    fclose($stream);
+                    throw new Refusal(422, "Report refused: the archive unpacks to more than $maxUnpacked bytes.");
+                }
+                hash_update($crc, $chunk);
+                if ($isIni && $size <= INFO_INI_MAX_BYTES)
+                    $text .= $chunk;
+            }
+            fclose($stream);
+            if ($size !== $stat['size'] || hash_final($crc) !== sprintf('%08x', $stat['crc']))
+                throw new Refusal(422, "Report refused: entry $i of the archive is damaged.");
+            if ($isIni && $size > INFO_INI_MAX_BYTES)
+                throw new Refusal(422, 'Report refused: info.ini is over ' . INFO_INI_MAX_BYTES . ' bytes.');
+            if ($isIni)
+                $ini = $text;
+        }
+    } finally {
+        $zip->close();
+    }
+    if ($ini === null)
+        throw new Refusal(422, 'Report refused: the archive holds no info.ini.');
+    $info = readInfoIni($ini);
+    return [firstChars($info['version'], VERSION_MAX_CHARS), firstChars($info['description'], DESCRIPTION_MAX_CHARS)];
+}
+
+function firstChars(string $text, int $count): string
+{
+    preg_match('/^.{0,' . $count . '}/su', $text, $m);
+    return $m[0];
+}
+
+// Undoes QSettings' INI escaping: optional double quotes, backslash escapes, and \xHHHH for
+// every character outside ASCII, as UTF-16 units that iconv then decodes.
+function qsettingsValue(string $raw): string
+{
+    $simple = ['a' => 7, 'b' => 8, 'f' => 12, 'n' => 10, 'r' => 13, 't' => 9, 'v' => 11];
+    $units = [];
+    $n = strlen($raw);
+    for ($i = 0; $i < $n; ++$i) {
+        $c = $raw[$i];
+        if ($c === '"')
+            continue;
+        if ($c !== '\\' || $i + 1 >= $n) {
+            $units[] = ord($c);
+            continue;
+        }
+        $e = $raw[++$i];
+        if (isset($simple[$e])) {
+            $units[] = $simple[$e];
+        } elseif ($e === 'x' && preg_match('/\G[0-9a-fA-F]{1,4}/', $raw, $m, 0, $i + 1)) {
+            $units[] = hexdec($m[0]);
+            $i += strlen($m[0]);
+        } elseif ($e === '0' && preg_match('/\G[0-7]{0,2}/', $raw, $m, 0, $i + 1)) {
+            $units[] = octdec('0' . $m[0]);
+            $i += strlen($m[0]);
+        } else {
+            $units[] = ord($e);
+        }
+    }
+    // A lone surrogate cannot be decoded; it is dropped rather than failing the whole value.
+    $text = (string) @iconv('UTF-16BE', 'UTF-8//IGNORE', pack('n*', ...$units));
+    // QSettings doubles a leading '@' so that it is not read as a type marker.
+    return str_starts_with($text, '@@') ? substr($text, 1) : $text;
+}
+
+// The two keys the sender writes outside any group, which QSettings puts under [General].
+function readInfoIni(string $text): array
+{
+    $info = ['version' => '', 'description' => ''];
+    $section = '';
+    foreach (preg_split('/\r?\n/', $text) as $line) {
+        $line = trim($line);
+        if ($line === '' || $line[0] === ';')
+            continue;
+        if ($line[0] === '[') {
+            $section = trim($line, '[] ');
+            continue;
+        }
+        $eq = strpos($line, '=');
+        if ($eq === false || $section !== 'General')
+            continue;
+        $key = trim(substr($line, 0, $eq));
+        if (array_key_exists($key, $info))
+            $info[$key] = qsettingsValue(trim(substr($line, $eq + 1)));
+    }
+    return $info;
+}

@@ -1,0 +1,133 @@
+"""The real service for tests: service/run.sh on a free loopback port with a data folder of
+its own and, when asked, a private PostgreSQL; each stops what it started. Also builds
+report archives and raw requests, and reads back the rows and the store."""
+import http.client
+import io
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import zipfile
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+RUN_SH = os.path.join(ROOT, 'service/run.sh')
+HANG_SECONDS = 60  # only a hang ever waits this long
+INFO_INI = '[General]\nversion=3.0.0\ndescription=It crashed.\n'
+FIELDS = {'product': 'Velmora 3', 'channel': 'stable', 'os': 'linux'}
+
+
+def free_port():
+    with socket.create_server(('127.0.0.1', 0)) as s:
+        return s.getsockname()[1]
+
+
+def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\n', extra=(), method=zipfile.ZIP_DEFLATED):
+    """A report archive as the sender makes it, with extra (name, bytes) entries."""
+    out = io.BytesIO()
+    with zipfile.ZipFile(out, 'w', method) as z:
+        for name, data in [('client.log', b'started\n'), ('crash.dmp', dump), *extra] + [('info.ini', info)] * (info is not None):
+            z.writestr(name, data)
+    return out.getvalue()
+
+
+def request(method, path, body=b'', content_type='', length=None):
+    # Kept alive, as the sender's are, so that an answer cut off shows as such.
+    head = '%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\n' % (method, path)
+    head += 'Content-Type: %s\r\n' % content_type if content_type else ''
+    head += 'Content-Length: %d\r\n' % (len(body) if length is None else length) if method == 'POST' else ''
+    return head.encode() + b'\r\n' + body
+
+
+def upload_request(data, fields=FIELDS, files=None):
+    """POST /upload as multipart/form-data; files are (field, bytes), by default the archive as dumpfile."""
+    body = b''.join(b'--B\r\nContent-Disposition: form-data; name="%s"\r\n\r\n%s\r\n'
+                    % (name.encode(), value if isinstance(value, bytes) else value.encode()) for name, value in fields.items())
+    body += b''.join(b'--B\r\nContent-Disposition: form-data; name="%s"; filename="cv3dump_1.zip"\r\n'
+                     b'Content-Type: application/zip\r\n\r\n%s\r\n' % (name.encode(), content)
+                     for name, content in files or [('dumpfile', data)])
+    return request('POST', '/upload', body + b'--B--\r\n', 'multipart/form-data; boundary=B')
+
+
+def exchange(port, raw):
+    """Sends raw bytes: (status, content type, body), or (None, '', '') if the answer is missing or cut off."""
+    with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS) as s:
+        s.sendall(raw)
+        answer = http.client.HTTPResponse(s)
+        try:
+            answer.begin()
+            return answer.status, answer.getheader('Content-Type'), answer.read().decode()
+        except (http.client.RemoteDisconnected, http.client.IncompleteRead):
+            return None, '', ''
+
+
+def query(db_url, sql):
+    """Rows as dicts, read through the service's own database code, SQLite and PostgreSQL alike."""
+    script = 'require $argv[1]; echo json_encode(connectDatabase($argv[2])->query($argv[3])->fetchAll(PDO::FETCH_ASSOC));'
+    return json.loads(subprocess.run(['php', '-r', script, ROOT + '/service/web/lib/db.php', db_url, sql], check=True,
+                                     capture_output=True, text=True, timeout=HANG_SECONDS).stdout)
+
+
+def processes(service, name):
+    """nginx's or PHP-FPM's master process and its workers."""
+    with open('%s/run/%s.pid' % (service.data, name)) as f:
+        master = f.read().strip()
+    return [int(pid) for pid in [master] + subprocess.run(['pgrep', '-P', master], capture_output=True, text=True).stdout.split()]
+
+
+class Service:
+    def __init__(self, workdir, *options, db=None, store=None):
+        self.port = free_port()
+        self.data = os.path.join(workdir, 'service-%d' % self.port)
+        self.store = store or os.path.join(self.data, 'raw')
+        self.db = db or 'sqlite:' + os.path.join(self.data, 'reports.sqlite')
+        self.options = ['--port', str(self.port), '--data', self.data, '--db', self.db, '--store', self.store,
+                        '--processors', '0', *options]
+
+    def start(self):
+        """Starts run.sh and returns once it says it serves; its errors go to the test's stderr."""
+        self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, text=True)
+        if not any(line.startswith('Service on') for line in self.process.stdout):
+            raise RuntimeError('the service did not start')
+        return self
+
+    def stop(self):
+        if self.process.returncode is None:
+            self.process.send_signal(signal.SIGTERM)
+            self.process.communicate(timeout=HANG_SECONDS)
+
+    def rows(self):
+        return {row['id']: row for row in query(self.db, 'SELECT * FROM reports')}
+
+    def stored(self):
+        """Archives in the store by id, and any other file there (what a write left behind)."""
+        paths = [os.path.join(folder, name) for folder, _, names in os.walk(self.store) for name in names]
+        archives = {os.path.basename(p)[:-4]: p for p in paths if re.search(r'/[^./][^/]*\.zip$', p)}
+        return archives, sorted(set(paths) - set(archives.values()))
+
+
+class Postgres:
+    """A private PostgreSQL 15 in a temporary folder; initdb refuses root, so as root it runs as
+    the postgres user that Debian's package creates."""
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix='velmora-pg.')
+        os.chmod(self.dir, 0o755)
+        self.owner = ['runuser', '-u', 'postgres', '--'] if os.geteuid() == 0 else []
+        if self.owner:
+            shutil.chown(self.dir, 'postgres')
+        port = free_port()
+        self.url = 'postgresql://postgres@127.0.0.1:%d/postgres' % port
+        self.pg('initdb', '-D', self.dir + '/db', '-U', 'postgres', '-A', 'trust')
+        self.pg('pg_ctl', '-D', self.dir + '/db', '-l', self.dir + '/log', '-w', 'start',
+                '-o', '-k %s -p %d -c listen_addresses=127.0.0.1' % (self.dir, port))
+
+    def pg(self, tool, *args):
+        subprocess.run(self.owner + ['/usr/lib/postgresql/15/bin/' + tool, *args], check=True,
+                       stdout=subprocess.DEVNULL, timeout=HANG_SECONDS)
+
+    def stop(self):
+        self.pg('pg_ctl', '-D', self.dir + '/db', '-m', 'fast', '-w', 'stop')
+        shutil.rmtree(self.dir)
