@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds, starts the local collector and crashes the demo client,
+# Installs the dependencies, builds, starts the local service and crashes the demo client,
 # whose crash handler writes the dump and opens the report window on it. Without a DISPLAY it
 # answers the window itself under Xvfb.
 #
@@ -24,7 +24,7 @@ port=${DEMO_PORT:-8750}
 
 work=$(mktemp -d -t velmora-demo.XXXXXX)
 crash=$work/crash
-reports=$work/reports
+service=$work/service
 mkdir "$crash"
 
 pids=()
@@ -67,10 +67,17 @@ wait_for() {
     done
 }
 
-tools/collector/collector.sh --port "$port" --reports "$reports" 2>"$work/collector.log" &
+service/run.sh --port "$port" --data "$service" >"$work/service.log" 2>&1 &
 pids+=($!)
-# PHP announces the server only once it listens; another server already on the port makes it quit.
-wait_for "the collector on port $port" "${pids[-1]}" grep -q 'Development Server.*started' "$work/collector.log"
+# run.sh announces the service once it answers; a port already taken makes it quit.
+wait_for "the service on port $port" "${pids[-1]}" grep -q '^Service on' "$work/service.log"
+cat "$work/service.log"
+
+# The report is stored once its row is in the database, which follows its archive in the store.
+stored_report() {
+    report=$(php -r 'require $argv[1]; echo connectDatabase($argv[2])->query("SELECT id FROM reports")->fetchColumn();' \
+        service/web/lib/db.php "sqlite:$service/reports.sqlite" 2>/dev/null) && [ -n "$report" ]
+}
 
 # The client dies by SIGSEGV; its handler has then written the dump and started the sender.
 crash_client() {
@@ -86,7 +93,7 @@ crash_client() {
 
 headless=
 if [ -n "${DISPLAY:-}" ]; then
-    echo "Describe the crash in the window and answer Yes to send it to the collector."
+    echo "Describe the crash in the window and answer Yes to send it to the service."
     crash_client
     wait_for "the report window's program" "${pids[-1]}" find_sender
     pids=("$sender" "${pids[@]}")
@@ -115,22 +122,26 @@ else
     xdotool windowfocus --sync "$window"
     xdotool type --delay 15 "The client crashed while loading the harbour map after a long session."
     xdotool key alt+y
-    wait_for "the collector's receipt" "$app" compgen -G "$reports/*/receipt.json"
-    # The collector answers right after storing; give the window a moment to show it.
+    wait_for "the stored report" "$app" stored_report
+    # The service answers right after storing; give the window a moment to show it.
     sleep 1
     import -window "$window" "$work/window.png"
     echo "Screenshot of the window: $work/window.png"
     stop "$app"
 fi
 
-receipt=$(compgen -G "$reports/*/receipt.json" | head -n 1 || true)
-if [ -z "$receipt" ]; then
+if ! stored_report; then
     echo "No report was sent; the archive stays in $crash"
     # Answering No in a real window is a fine ending; the unattended run must send.
     [ -z "$headless" ]
     exit
 fi
-cat "$receipt"
-echo "Report stored in $(dirname "$receipt")"
-# The collector read the handler's dump: the receipt names the signal the client died of.
-grep -q '"signal_name": *"SIGSEGV"' "$receipt" || fail "the receipt names no SIGSEGV"
+stored=$service/raw/${report:0:8}/$report.zip
+[ -f "$stored" ] || fail "report $report has a row but no archive at $stored"
+answer=$(grep -o "Report $report received ([0-9]* bytes)\." "$service/log/php.log") || fail "the service logged no answer for $report"
+echo "The window's answer: $answer"
+echo "Report stored in $stored"
+# The dump arrived whole: the stored archive's copy names the signal the client died of.
+unzip -p "$stored" 'crash-*.dmp' >"$work/stored.dmp"
+grep -q '^signal: 11 SIGSEGV' "$work/stored.dmp" || fail "the stored dump names no SIGSEGV"
+echo "The stored dump: $(grep -m1 '^signal:' "$work/stored.dmp")"

@@ -170,12 +170,11 @@ else
 fi
 include_lines=
 for file in "${includes[@]}"; do include_lines+="include \"$file\";"$'\n'; done
-vars=(RUN "$run" DATA "$data" WEB "$here/web" LISTEN "$listen" USER "$user_line"
+vars=(RUN "$run" DATA "$data" WEB "$here/web" CONF "$here/conf" LISTEN "$listen" USER "$user_line"
       MAX_BYTES "$max_bytes" MAX_BODY $((max_bytes + 65536)) BODY_TIMEOUT "$body_timeout"
       RATE_LIMIT_ZONE "$zone_line" RATE_LIMIT "$limit_line" INCLUDES "$include_lines"
       WORKERS "$workers" UPLOAD_URL "$public_url" STORE "$store")
 render "$here/conf/nginx.conf.in" "$run/nginx.conf"
-render "$here/conf/fastcgi.conf.in" "$run/fastcgi.conf"
 render "$here/conf/php-fpm.conf.in" "$run/php-fpm.conf"
 render "$here/conf/postinfo.ini.in" "$run/www/service-data/client-crashdump-postinfo.ini"
 for template in "$here"/conf/locations/*.conf.in; do
@@ -198,7 +197,13 @@ stop_all() {
     trap '' TERM INT
     local pid tries=0
     [ -z "${timer:-}" ] || kill "$timer" 2>/dev/null || true
-    for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+    # nginx and PHP-FPM stop gracefully on QUIT, finishing the uploads under way.
+    for i in "${!pids[@]}"; do
+        case ${names[$i]} in
+            nginx|php-fpm) kill -QUIT "${pids[$i]}" 2>/dev/null || true ;;
+            *) kill -TERM "${pids[$i]}" 2>/dev/null || true ;;
+        esac
+    done
     # Everything has until a little before five seconds; then it is killed.
     for pid in "${pids[@]}"; do
         while kill -0 "$pid" 2>/dev/null && [ $((tries += 1)) -lt 45 ]; do sleep 0.1; done
@@ -251,7 +256,7 @@ until ready; do
 done
 
 if [ "$processors" -gt 0 ]; then
-    processor=${processor:-$here/../build/bin/velmora-processor}
+    processor=${processor:-$(dirname "$here")/build/bin/velmora-processor}
     if [ -x "$processor" ]; then
         for n in $(seq 1 "$processors"); do
             "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" "${symbols[@]}" \

@@ -91,7 +91,7 @@ function accept(): string
     $fields = checkedFields($_POST);
     [$version, $description] = checkArchive($archive, $maxBytes * UNPACKED_PER_PACKED);
 
-    $db = openDatabase($config['db']);
+    $db = openDatabase($config['db'], true);
     $store = new FileStore($config['store']);
     $id = newReportId();
     [$size, $sha256] = $store->put($id, $archive);

@@ -27,10 +27,10 @@ def free_port():
         return s.getsockname()[1]
 
 
-def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\nsignal: 11 SIGSEGV\n', extra=()):
+def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\nsignal: 11 SIGSEGV\n', extra=(), method=zipfile.ZIP_DEFLATED):
     """A report archive as the sender makes it; extra holds further (name, bytes) entries."""
     out = io.BytesIO()
-    with zipfile.ZipFile(out, 'w', zipfile.ZIP_DEFLATED) as z:
+    with zipfile.ZipFile(out, 'w', method) as z:
         z.writestr('client.log', b'started\n')
         z.writestr('crash.dmp', dump)
         for name, data in extra:

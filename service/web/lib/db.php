@@ -7,9 +7,12 @@ declare(strict_types=1);
 // The schema these scripts are written for: the number of the newest file in service/schema/.
 const SCHEMA_VERSION = 2;
 
-function connectDatabase(string $url): PDO
+// $persistent keeps the connection open in the PHP-FPM worker for its next request: a new
+// PostgreSQL connection costs more than the work of an upload.
+function connectDatabase(string $url, bool $persistent = false): PDO
 {
-    $options = [PDO::ATTR_ERRMODE => PDO::ERRMODE_EXCEPTION, PDO::ATTR_EMULATE_PREPARES => false];
+    $options = [PDO::ATTR_ERRMODE => PDO::ERRMODE_EXCEPTION, PDO::ATTR_EMULATE_PREPARES => false,
+                PDO::ATTR_PERSISTENT => $persistent];
     if (str_starts_with($url, 'sqlite:')) {
         $path = substr($url, strlen('sqlite:'));
         if ($path === '' || $path[0] !== '/')
@@ -55,9 +58,9 @@ function schemaVersion(PDO $db): int
 }
 
 // Refuses to work on a database whose schema this code does not know.
-function openDatabase(string $url): PDO
+function openDatabase(string $url, bool $persistent = false): PDO
 {
-    $db = connectDatabase($url);
+    $db = connectDatabase($url, $persistent);
     $version = schemaVersion($db);
     if ($version !== SCHEMA_VERSION)
         throw new RuntimeException("database schema version $version, expected " . SCHEMA_VERSION);

@@ -23,7 +23,8 @@ final class StoreFullException extends RuntimeException
 
 interface ReportStore
 {
-    // Takes a durable copy of the file under the id; returns [size, sha256] of what it stored.
+    // Takes the file in durably under the id (an uploaded file is moved, any other copied);
+    // returns [size, sha256] of what it stored.
     public function put(string $id, string $source): array;
 
     // The stored archive, open for reading, or null if there is none.
@@ -44,8 +45,6 @@ interface ReportStore
 // ROOT/YYYYMMDD/<id>.zip.
 final class FileStore implements ReportStore
 {
-    private const CHUNK = 1 << 20;
-
     public function __construct(private string $root)
     {
     }
@@ -66,37 +65,26 @@ final class FileStore implements ReportStore
         if ($newDir && !@mkdir($dir, 0755) && !is_dir($dir))
             throw self::failure("cannot create $dir");
         $temp = "$dir/.$id.zip.tmp";
-        $out = @fopen($temp, 'xb');
-        if ($out === false)
-            throw self::failure("cannot create $temp");
         try {
-            $hash = hash_init('sha256');
-            $size = 0;
-            $in = fopen($source, 'rb');
-            while (($chunk = fread($in, self::CHUNK)) !== false && $chunk !== '') {
-                if (@fwrite($out, $chunk) !== strlen($chunk))
-                    throw self::failure("cannot write $temp");
-                hash_update($hash, $chunk);
-                $size += strlen($chunk);
-            }
-            fclose($in);
+            // An upload on the store's own filesystem is renamed into it rather than copied.
+            if (!@move_uploaded_file($source, $temp) && !@copy($source, $temp))
+                throw self::failure("cannot write $temp");
             // The rename makes the archive visible; it must not show before its bytes are on disk.
-            if (!@fflush($out) || !@fsync($out))
+            $written = @fopen($temp, 'rb');
+            if ($written === false || !@fsync($written))
                 throw self::failure("cannot sync $temp");
-            fclose($out);
-            $out = null;
+            fclose($written);
+            $stored = [filesize($temp), hash_file('sha256', $temp)];
             if (!@rename($temp, $path))
                 throw self::failure("cannot rename $temp");
         } catch (Throwable $e) {
-            if ($out !== null)
-                fclose($out);
             @unlink($temp);
             throw $e;
         }
         self::syncFolder($dir);
         if ($newDir)
             self::syncFolder($this->root);
-        return [$size, hash_final($hash)];
+        return $stored;
     }
 
     public function open(string $id)
