@@ -102,14 +102,17 @@ ACCESS = [
     ('/.store/%s/%s.zip' % (ID[1][:8], ID[1]), None, 404, ''),
 ]
 
-# A report and what its page says.
-REPORT_PAGE = [
-    (1, ['Map::load inlined', 'Map::show', '/src/map.cpp:39', 'libc.so.6+0x2724a', 'SIGSEGV at 0x0000000000000010',
-         'Log: client.log', '<b>not bold</b>', SCRIPT, '<i>name</i> = <i>value</i>', '%s.zip' % ID[1]]),
-    (13, [EVIL, EVIL_VERSION, '"><b> = </dd><script>x</script>']),
-    (14, ['failed after 3 attempts: the dump is truncated', 'the first 65,536 of 100,000 bytes']),
-    (15, ['waiting to be processed', 'none given']),
-    (16, ['removed from the store on']),
+# A page and texts it shows, in this order.
+PAGES = [
+    ('report/' + ID[1], ['<i>name</i> = <i>value</i>', 'Signature ' + MAP, 'SIGSEGV at 0x0000000000000010',
+                         ID[1] + '.zip', SCRIPT, 'Map::load inlined /src/map.cpp:39 velmora3+0x24ef',
+                         'Map::show /src/map.cpp:121', '1 ? libc.so.6+0x2724a', 'Log: client.log', '<b>not bold</b>']),
+    ('report/' + ID[13], [EVIL_VERSION, '"><b> = </dd><script>x</script>', EVIL]),
+    ('report/' + ID[14], ['failed after 3 attempts: the dump is truncated', 'the first 65,536 of 100,000 bytes']),
+    ('report/' + ID[15], ['waiting to be processed', 'none given']),
+    ('report/' + ID[16], ['removed from the store on']),
+    ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),
+                                                   ID[9], ID[8], ID[10], ID[12], ID[11], ID[21]]),
 ]
 
 
@@ -214,15 +217,16 @@ class Pages(unittest.TestCase):
                 self.assertEqual(rows, [[str(rank + 1), *row] for rank, row in enumerate(expected)])
                 self.assertIn("default-src 'none'", headers['Content-Security-Policy'])
 
-    def test_report(self):
-        for n, texts in REPORT_PAGE:
-            with self.subTest(report=n):
-                status, _, body = self.get('/crashes/report/' + ID[n])
+    def test_pages(self):
+        for path, texts in PAGES:
+            with self.subTest(path=path):
+                status, _, body = self.get('/crashes/' + path)
                 self.assertEqual(status, 200)
                 self.assertNotRegex(body, rb'<(?:script|img|b|i)\b')
-                page = re.sub(r'\s+', ' ', Cells(body.decode()).text)
+                page, at = re.sub(r'\s+', ' ', Cells(body.decode()).text), 0
                 for text in texts:
-                    self.assertIn(text, page)
+                    at = page.find(text, at)
+                    self.assertGreaterEqual(at, 0, text)
 
     def test_download(self):
         status, headers, body = self.get('/crashes/report/%s/archive' % ID[1])
