@@ -59,7 +59,7 @@ REPORTS = [
     report(6, 20, version='3.0.1'),
     report(7, 40, version='3.0.0'),
     report(8, 0, RENDER), report(9, 0, RENDER),
-    report(10, 7, RENDER), report(11, 8, RENDER), report(12, 8, RENDER),
+    report(10, 7, RENDER), report(11, 8, RENDER, received_at=int(NOW - 8 * 86400) + 60), report(12, 8, RENDER),
     report(13, 2, EVIL, EVIL_VERSION, fields={'"><b>': '</dd><script>x</script>'}),
     report(14, 0, state='failed', failure='the dump is truncated', attempts=3, log='x' * 99999 + '\n'),
     report(15, 0, state='new'),
@@ -112,7 +112,7 @@ PAGES = [
     ('report/' + ID[15], ['waiting to be processed', 'none given']),
     ('report/' + ID[16], ['removed from the store on']),
     ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),
-                                                   ID[9], ID[8], ID[10], ID[12], ID[11], ID[21]]),
+                                                   ID[9], ID[8], ID[10], ID[11], ID[12], ID[21]]),
 ]
 
 
