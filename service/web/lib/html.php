@@ -49,10 +49,11 @@ function queryParam(string $name, string $default = ''): string
     return $value;
 }
 
-// The pages never write: the connection itself refuses to.
+// The pages never write: the connection itself refuses to. Each PHP worker keeps it for its
+// next page, apart from the upload endpoint's, which must stay writable.
 function pagesDatabase(): PDO
 {
-    $db = openDatabase(serviceConfig()['db']);
+    $db = openDatabase(serviceConfig()['db'], 'crash-pages');
     $db->exec(isPostgres($db) ? 'SET default_transaction_read_only = on' : 'PRAGMA query_only = ON');
     return $db;
 }
