@@ -108,7 +108,7 @@ PAGES = [
                          ID[1] + '.zip', SCRIPT, 'Map::load inlined /src/map.cpp:39 velmora3+0x24ef',
                          'Map::show /src/map.cpp:121', '1 ? libc.so.6+0x2724a', 'Log: client.log', '<b>not bold</b>']),
     ('report/' + ID[13], [EVIL_VERSION, '"><b> = </dd><script>x</script>', EVIL]),
-    ('report/' + ID[14], ['failed after 3 attempts: the dump is truncated', 'the first 65,536 of 100,000 bytes']),
+    ('report/' + ID[14], ['failed: the dump is truncated (3 attempts)', 'the first 65,536 of 100,000 bytes']),
     ('report/' + ID[15], ['waiting to be processed', 'none given']),
     ('report/' + ID[16], ['removed from the store on']),
     ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),

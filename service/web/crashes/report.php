@@ -63,7 +63,8 @@ function processing(array $report): string
         'new' => 'waiting to be processed',
         'processing' => 'being processed by ' . h($report['worker']) . ' (attempt ' . h($report['attempts']) . ')',
         'done' => 'processed ' . h(utc((int) $report['processed_at'])) . ', signature rules version ' . h($report['rule_version']),
-        'failed' => '<span class="error">failed after ' . h($report['attempts']) . ' attempts: ' . h($report['failure'] ?? 'no reason given') . '</span>',
+        'failed' => '<span class="error">failed: ' . h($report['failure'] ?? 'no reason given') . '</span> ('
+                    . h((int) $report['attempts'] === 1 ? '1 attempt' : "{$report['attempts']} attempts") . ')',
         default => h($report['state']),
     };
 }
@@ -99,7 +100,7 @@ servePage(function () {
     ];
     if ($report['signature'] !== null) {
         $items['Signature'] = '<a href="' . h(signatureUrl($report['signature'])) . '">' . h($report['signature']) . '</a>';
-        $items['Signal'] = h(($report['signal'] ?? 'none') . ' at ' . ($report['address'] ?? 'none'));
+        $items['Signal'] = h($report['signal'] === null ? 'none: the report has no dump' : "{$report['signal']} at {$report['address']}");
     }
     $items['Archive'] = match (true) {
         $stored => '<a href="' . h(reportUrl($id) . '/archive') . '">' . h("$id.zip") . '</a>, ' . h(number_format((int) $report['size'])) . ' bytes',

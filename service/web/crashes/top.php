@@ -37,9 +37,9 @@ function topCrashes(PDO $db, array $period, string $version): array
     $rows = array_slice($bySignature, 0, TOP_ROWS, true);
 
     $only = $version === '' ? '' : ' AND version = ?';
-    $total = $db->prepare("SELECT SUM(count) FROM signature_days WHERE day >= ? AND day <= ?$only");
-    $total->execute(array_merge([$period['before_from'], $period['before_to']], $version === '' ? [] : [$version]));
-    $earlierTotal = (int) $total->fetchColumn();
+    $sum = $db->prepare("SELECT SUM(count) FROM signature_days WHERE day >= ? AND day <= ?$only");
+    $sum->execute(array_merge([$period['before_from'], $period['before_to']], $version === '' ? [] : [$version]));
+    $earlierTotal = (int) $sum->fetchColumn();
 
     $earlier = [];
     if ($rows) {
@@ -75,10 +75,9 @@ function change(?float $points): string
 {
     if ($points === null)
         return '<span class="new">new</span>';
-    $text = sprintf('%+.1f', $points);
     if (abs($points) < 0.05)
         return '0.0';
-    return '<span class="' . ($points < 0 ? 'down' : 'up') . '">' . h(str_replace('-', '−', $text)) . '</span>';
+    return '<span class="' . ($points < 0 ? 'down' : 'up') . '">' . h(str_replace('-', '−', sprintf('%+.1f', $points))) . '</span>';
 }
 
 servePage(function () {
