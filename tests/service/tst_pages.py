@@ -207,6 +207,15 @@ class Pages(unittest.TestCase):
                 if status == 303:
                     self.assertEqual(headers['Location'], '/crashes/report/' + ID[2])
 
+    def test_login_kept(self):
+        """The login made at the first start is its owner's alone and outlives a restart."""
+        self.assertEqual(os.stat(os.path.join(self.service.data, 'admin-password')).st_mode & 0o777, 0o600)
+        with open(os.path.join(self.service.data, 'htpasswd')) as f:
+            self.assertRegex(f.read(), r'^admin:\$6\$[^\n]+\n$')
+        self.service.stop()
+        self.service.start()
+        self.assertEqual(self.get('/crashes/')[0], 200)
+
     def test_top(self):
         for query, expected in TOP:
             with self.subTest(query=query):
