@@ -100,7 +100,7 @@ servePage(function () {
     ];
     if ($report['signature'] !== null) {
         $items['Signature'] = '<a href="' . h(signatureUrl($report['signature'])) . '">' . h($report['signature']) . '</a>';
-        $items['Signal'] = h($report['signal'] === null ? 'none: the report has no dump' : "{$report['signal']} at {$report['address']}");
+        $items['Signal'] = h($report['signal'] === null ? 'none: the report has no dump' : "{$report['signal']} at " . ($report['address'] ?? 'none'));
     }
     $items['Archive'] = match (true) {
         $stored => '<a href="' . h(reportUrl($id) . '/archive') . '">' . h("$id.zip") . '</a>, ' . h(number_format((int) $report['size'])) . ' bytes',

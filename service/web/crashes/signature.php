@@ -31,7 +31,7 @@ function newestReports(PDO $db, string $signature): array
     $nth = $db->prepare('SELECT report_id FROM processed WHERE signature = ? ORDER BY report_id DESC LIMIT 1 OFFSET ' . (NEWEST_REPORTS - 1));
     $nth->execute([$signature]);
     $fromDay = substr((string) $nth->fetchColumn(), 0, 8);
-    $query = $db->prepare('SELECT r.id, r.received_at, r.version, r.description, r.state FROM processed p'
+    $query = $db->prepare('SELECT r.id, r.received_at, r.version, r.description FROM processed p'
                           . ' JOIN reports r ON r.id = p.report_id WHERE p.signature = ? AND p.report_id >= ?'
                           . ' ORDER BY r.received_at DESC, r.id DESC LIMIT ' . NEWEST_REPORTS);
     $query->execute([$signature, $fromDay]);

@@ -33,7 +33,8 @@ function topCrashes(PDO $db, array $period, string $version): array
             $versionsOf[$signature][$v] = (int) $n;
         }
     }
-    arsort($bySignature);
+    // Ties in name order, so that the rows stay in place from one look to the next.
+    uksort($bySignature, fn ($a, $b) => $bySignature[$b] <=> $bySignature[$a] ?: strcmp((string) $a, (string) $b));
     $rows = array_slice($bySignature, 0, TOP_ROWS, true);
 
     $only = $version === '' ? '' : ' AND version = ?';
