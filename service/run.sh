@@ -240,18 +240,18 @@ started $! nginx "$data/log/nginx.log"
 "$fpm" -F -y "$run/php-fpm.conf" $fpm_root 2>>"$data/log/php-fpm.log" &
 started $! php-fpm "$data/log/php-fpm.log"
 
+# Ready once the health check passes through nginx and PHP-FPM to the database and the store.
 ready() {
-    local code
     # Asked only once PHP-FPM listens, so that nginx logs no refused connection for it.
     [ -S "$run/php-fpm.sock" ] || return 1
-    code=$(curl --noproxy '*' -s -o /dev/null -w '%{http_code}' "http://$url_host/upload") && [ "$code" = 405 ]
+    health=$(curl --noproxy '*' -s -w ' (%{http_code})' "http://$url_host/health") && [ "${health: -5}" = "(200)" ]
 }
 tries=0
 until ready; do
     for i in "${!pids[@]}"; do
         kill -0 "${pids[$i]}" 2>/dev/null || ended "$i" "at start"
     done
-    [ $((tries += 1)) -lt 300 ] || die "the service did not answer on $listen within a minute"
+    [ $((tries += 1)) -lt 300 ] || die "the service on $listen was not ready within a minute: ${health:-no answer}"
     sleep 0.2
 done
 

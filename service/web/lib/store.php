@@ -36,9 +36,10 @@ interface ReportStore
     // $removing gets each day's ids before its files go. Returns how many went.
     public function removeOlder(string $firstKept, callable $removing): int;
 
-    // Removes what interrupted writes left behind, once older than $seconds; younger ones may
-    // be another collector's write still in flight. Returns how many went.
-    public function sweep(int $seconds): int;
+    // Removes what interrupted uploads left behind, once older than $seconds (younger ones may
+    // be another collector's upload in flight): temporary files, and archives of the last two
+    // days whose ids $unreported returns, as they never got their row. Returns how many went.
+    public function sweep(int $seconds, callable $unreported): int;
 }
 
 // The store as a folder, which may be a mount shared by several collectors:
@@ -122,18 +123,23 @@ final class FileStore implements ReportStore
         return $removed;
     }
 
-    public function sweep(int $seconds): int
+    public function sweep(int $seconds, callable $unreported): int
     {
-        $swept = 0;
         $before = time() - $seconds;
-        foreach (self::days($this->root) as $day) {
-            foreach (glob("$this->root/$day/.*.zip.tmp") as $temp) {
-                $changed = @filemtime($temp);
-                if ($changed !== false && $changed < $before && @unlink($temp))
-                    ++$swept;
-            }
+        $old = fn (string $path) => (@filemtime($path) ?: PHP_INT_MAX) < $before;
+        $leftovers = [];
+        $days = self::days($this->root);
+        foreach ($days as $day)
+            $leftovers = array_merge($leftovers, array_filter(glob("$this->root/$day/.*.zip.tmp"), $old));
+        // An upload is stored and answered within minutes, so only the newest days can hold
+        // an archive whose row is still to come or never came.
+        foreach (array_slice($days, -2) as $day) {
+            $names = array_map(fn ($path) => basename($path, '.zip'), array_filter(glob("$this->root/$day/*.zip"), $old));
+            $ids = array_values(array_filter($names, 'isReportId'));
+            foreach ($ids ? $unreported($ids) : [] as $id)
+                $leftovers[] = $this->path($id);
         }
-        return $swept;
+        return count(array_filter($leftovers, fn ($path) => @unlink($path)));
     }
 
     private static function days(string $root): array

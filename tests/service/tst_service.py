@@ -1,0 +1,205 @@
+"""The service on a real nginx, PHP-FPM and PostgreSQL: what an upload is refused for, what is
+stored and how, how run.sh starts, tidies and stops, and the service under load and failure:
+uploads in parallel, PHP-FPM workers killed in a storm, a full store, and two collectors sharing
+one PostgreSQL and one store."""
+import concurrent.futures
+import datetime
+import hashlib
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+import warnings
+import zipfile
+import zlib
+
+from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
+                            query, request, upload_request)
+
+MAX = 1 << 20
+PLAIN = 'text/plain; charset=utf-8'
+DUMP = b'VELMORA-CRASH 1\n' + bytes(range(256)) * 40
+GOOD = archive(dump=DUMP)
+# One bit changed in the middle of the dump's compressed bytes, as zipfile deflates them.
+DEFLATED = (deflate := zlib.compressobj(wbits=-15)).compress(DUMP) + deflate.flush()
+FLIPPED = GOOD.replace(DEFLATED, DEFLATED[:190] + bytes([DEFLATED[190] ^ 0x10]) + DEFLATED[191:])
+
+
+warnings.filterwarnings('ignore', 'Duplicate name')  # the row that wants one
+
+# Each row: a request, the status and the start of the one line that answers it (None: the
+# connection closes unanswered).
+HOSTILE = [
+    ('GET', request('GET', '/upload'), 405, 'Reports are sent here with POST.'),
+    ('not multipart', request('POST', '/upload', b'a=b', 'application/x-www-form-urlencoded'), 415, 'Report refused: the upload is not multipart'),
+    ('file under another name', upload_request(0, files=[('file', GOOD)]), 400, 'Report refused: no file in the field "dumpfile".'),
+    ('file as an array', upload_request(0, files=[('dumpfile[]', GOOD)]), 400, 'Report refused: no file in the field "dumpfile".'),
+    ('two dumpfile parts', upload_request(0, files=[('dumpfile', GOOD)] * 2), 400, 'Report refused: the upload holds more than one file.'),
+    ('another file first', upload_request(0, files=[('x', GOOD), ('dumpfile', GOOD)]), 400, 'Report refused: the upload holds more than one file.'),
+    ('not a zip', upload_request(b'MZ' + os.urandom(4000)), 422, 'Report refused: the file is not a readable zip archive.'),
+    ('an entry twice', upload_request(archive(extra=[('client.log', b'again')])), 422, 'Report refused: the file is not a readable zip archive.'),
+    ('one flipped bit', upload_request(FLIPPED), 422, 'Report refused: entry 1 of the archive is damaged.'),
+    ('no info.ini', upload_request(archive(info=None)), 422, 'Report refused: the archive holds no info.ini.'),
+    ('too many entries', upload_request(archive(extra=[('e%d' % i, b'') for i in range(14)])), 422, 'Report refused: the archive holds 17 entries'),
+    ('zip bomb', upload_request(archive(extra=[('big', bytes(16 * MAX + 1))])), 422, 'Report refused: the archive unpacks to more than 16777216'),
+    ('info.ini too long', upload_request(archive(info=';' * 65537)), 422, 'Report refused: info.ini is over 65536 bytes.'),
+    ('too many fields', upload_request(GOOD, {'f%d' % i: '' for i in range(65)}), 400, 'Report refused: the upload holds too many form fields.'),
+    ('field too long', upload_request(GOOD, {'product': 'x' * 1025}), 400, 'Report refused: the form field "product" is over'),
+    ('field not UTF-8', upload_request(GOOD, {'product': b'\xff'}), 400, 'Report refused: a form field is not UTF-8 text.'),
+    ('field as an array', upload_request(GOOD, {'os[]': 'x'}), 400, 'Report refused: the form field "os" is not plain text.'),
+    ('file over the limit', upload_request(os.urandom(MAX + 1)), 413, 'Report refused: the file is over the limit of 1048576 bytes.'),
+    ('announced too large', request('POST', '/upload', b'', 'multipart/form-data', 300 << 20), 413, 'Report refused: the upload is over the limit'),
+    ('body shorter than announced', upload_request(GOOD)[:-100], None, ''),
+    ('malformed request', b'GARBAGE\r\n\r\n', 400, 'Report refused: the request is malformed.'),
+    ('a PHP file by its name', request('GET', '/lib/db.php'), 404, 'Not found.'),
+]
+
+
+class ServiceTest(unittest.TestCase):
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix='velmora-service.')
+        self.addCleanup(shutil.rmtree, self.work)
+        self.sent = set()
+
+    def start(self, *options, **where):
+        service = Service(self.work, *options, **where).start()
+        self.addCleanup(service.stop)
+        return service
+
+    def test_uploads(self):
+        service = self.start('--max-bytes', str(MAX), '--body-timeout', '2', '--rate-limit', '0')
+        for name, raw, status, line in HOSTILE:
+            with self.subTest(name):
+                before = service.rows(), service.stored()
+                answer = exchange(service.port, raw)
+                self.assertEqual((answer[0], answer[1], '\n' in answer[2]), (status, PLAIN if status else '', False), answer)
+                self.assertTrue(answer[2].startswith(line), answer)
+                self.assertEqual((service.rows(), service.stored()), before)
+        # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
+        escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
+        for data, fields, version, description in [(archive(escaped), {'product': 'V3'}, '3.0.1', 'Crash, then "été" ☺'),
+                                                   (archive('[Other]\nversion=9\n'), {'x': 'ü'}, '', '')]:
+            with self.subTest(description):
+                status, content_type, line = exchange(service.port, upload_request(data, fields))
+                self.assertEqual(content_type, PLAIN)
+                report = re.fullmatch(r'Report (\d{8}-[0-9a-f]{16}) received \(%d bytes\)\.' % len(data), line)[1]
+                self.assertEqual(report[:8], datetime.datetime.now(datetime.timezone.utc).strftime('%Y%m%d'))
+                row = service.rows()[report]
+                self.assertEqual((json.loads(row['fields']), row['version'], row['description'], row['size'], row['sha256'],
+                                  row['state'], row['client_addr']),
+                                 (fields, version, description, len(data), hashlib.sha256(data).hexdigest(), 'new', '127.0.0.1'))
+                with open(service.stored()[0][report], 'rb') as stored:
+                    self.assertEqual(stored.read(), data)
+
+    def test_life(self):
+        service = self.start('--keep-days', '30', '--rate-limit', '2')
+        report, orphan = [re.search(r'Report (\S+) received', exchange(service.port, upload_request(GOOD))[2])[1] for _ in range(2)]
+        service.stop()
+        # One report is made a long past day's and the other loses its row: an upload cut off
+        # between its archive and its row. Beside them, two leftovers of writes.
+        old = '20200101-' + report[9:]
+        os.makedirs(service.store + '/20200101')
+        os.rename(service.stored()[0][report], service.store + '/20200101/%s.zip' % old)
+        query(service.db, "UPDATE reports SET id = '%s' WHERE id = '%s'" % (old, report))
+        query(service.db, "DELETE FROM reports WHERE id = '%s'" % orphan)
+        stale, fresh = service.store + '/20200101/.stale.zip.tmp', service.store + '/20200101/.fresh.zip.tmp'
+        open(stale, 'w').close(), open(fresh, 'w').close()
+        for path in stale, service.stored()[0][orphan]:
+            os.utime(path, (time.time() - 7200,) * 2)
+        service.start()
+        self.assertEqual(service.stored(), ({}, [fresh]))
+        self.assertIsNotNone(service.rows()[old]['archive_removed_at'])
+        for options, line in [(['--data', self.work + '/other'], 'port %d on 127.0.0.1 is taken' % service.port),
+                              (['--port', str(free_port())], 'another service is already running on ' + service.data),
+                              (['--public-url', 'http://[::1]:8750/upload'], 'the sender takes a line with brackets')]:
+            refused = subprocess.run([RUN_SH, *service.options, *options], capture_output=True, text=True, timeout=HANG_SECONDS)
+            self.assertEqual((refused.returncode, refused.stdout.find('Service on')), (1, -1))
+            self.assertIn(line, refused.stderr)
+        # The post-info file is never limited, however often it is asked for; uploads are.
+        info = [exchange(service.port, request('GET', '/service-data/client-crashdump-postinfo.ini')) for _ in range(5)]
+        self.assertEqual({(status, 'url = http://127.0.0.1:%d/upload' % service.port in text) for status, _, text in info}, {(200, True)})
+        self.assertEqual([exchange(service.port, upload_request(GOOD))[0] for _ in range(3)], [200, 200, 429])
+        self.assertEqual(exchange(service.port, upload_request(GOOD))[2], 'Report refused: too many uploads from this address; please try again later.')
+        self.assertTrue(exchange(service.port, request('GET', '/health'))[2].startswith('OK: schema 2, 3 reports waiting'))
+        started = processes(service, 'nginx') + processes(service, 'php-fpm')
+        service.stop()
+        self.assertEqual([pid for pid in started if os.path.exists('/proc/%d' % pid)], [])
+
+    def upload(self, services, count, threads, meanwhile=lambda: None):
+        """Sends count distinct 400 KB archives (stored: the random dump does not deflate) spread
+        over the services, calling meanwhile every 50 ms until all are answered; returns the answers."""
+        dump = os.urandom(400 * 1024)
+        sent = [archive(INFO_INI + '\n; %d' % n, dump, method=zipfile.ZIP_STORED) for n in range(count)]
+        self.sent |= {hashlib.sha256(data).hexdigest() for data in sent}
+        with concurrent.futures.ThreadPoolExecutor(threads) as pool:
+            answers = [pool.submit(exchange, services[n % len(services)].port, upload_request(data)) for n, data in enumerate(sent)]
+            while concurrent.futures.wait(answers, 0.05).not_done:
+                meanwhile()
+            return [answer.result() for answer in answers]
+
+    def assertStoredOnce(self, service, answers, whole=True):
+        """Each upload answered 200 has a row and an archive of its own; every archive in the store
+        is one that was sent, complete; with whole, rows and archives match and nothing else is left."""
+        ids = [m[1] for status, _, line in answers if status == 200 and (m := re.match(r'Report (\S+) received', line))]
+        rows, (stored, others) = service.rows(), service.stored()
+        self.assertEqual(len(set(ids)), len(ids))
+        self.assertTrue(set(ids) <= set(rows) <= set(stored) and (set(rows) == set(stored) or not whole))
+        digests = {report: hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest() for report, path in stored.items()}
+        self.assertLessEqual(set(digests.values()), self.sent)
+        self.assertEqual({report: digests[report] for report in rows}, {report: row['sha256'] for report, row in rows.items()})
+        self.assertEqual([path for path in others if whole or not re.search(r'/\.[^/]+\.zip\.tmp$', path)], [])
+        return ids
+
+    def test_parallel_then_workers_killed(self):
+        service = self.start('--rate-limit', '0', '--workers', '4')
+        answers = self.upload([service], 200, 200)
+        self.assertEqual([status for status, _, _ in answers], [200] * 200)
+        self.assertEqual(len(self.assertStoredOnce(service, answers)), 200)
+        killed = []
+
+        def kill_a_worker():
+            workers = processes(service, 'php-fpm')[1:]
+            if workers:  # none for a moment after the master lost them all
+                killed.append(random.choice(workers))
+                os.kill(killed[-1], signal.SIGKILL)
+        answers += self.upload([service], 150, 16, kill_a_worker)
+        service.stop()
+        self.assertGreater(len(killed), 0)
+        print('%d workers killed, %d uploads answered 502' % (len(killed), sum(a[0] == 502 for a in answers)))
+        # A worker killed as it answers cuts the answer off: the sender sees none (None), or nginx
+        # may end it as an empty 200.
+        self.assertEqual({(status, line) for status, _, line in answers if status != 200 or not line.startswith('Report ')}
+                         - {(502, 'Report not stored: the service is unavailable; please try again later.'), (None, ''), (200, '')}, set())
+        self.assertStoredOnce(service, answers, whole=False)
+
+    def test_full_store(self):
+        if os.geteuid() != 0:
+            self.skipTest('mounting a small tmpfs for the store needs root')
+        store = os.path.join(self.work, 'small')
+        os.mkdir(store)
+        subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=1m', 'tmpfs', store], check=True)
+        self.addCleanup(subprocess.run, ['umount', store], check=True)
+        service = self.start(store=store)
+        answers = self.upload([service], 3, 1)
+        self.assertEqual([status for status, _, _ in answers], [200, 200, 507])
+        self.assertEqual(answers[2][2], 'Report not stored: the service has no room left; please try again later.')
+        self.assertStoredOnce(service, answers)
+
+    def test_two_collectors_on_postgresql(self):
+        postgres = Postgres()
+        self.addCleanup(postgres.stop)
+        services = [self.start('--rate-limit', '0', db=postgres.url, store=self.work + '/shared') for _ in range(2)]
+        answers = self.upload(services, 500, 16)
+        self.assertEqual([status for status, _, _ in answers], [200] * 500)
+        self.assertEqual(len(self.assertStoredOnce(services[0], answers)), 500)
+
+
+if __name__ == '__main__':
+    unittest.main()
