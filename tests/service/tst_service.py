@@ -127,7 +127,7 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual({(status, 'url = http://127.0.0.1:%d/upload' % service.port in text) for status, _, text in info}, {(200, True)})
         self.assertEqual([exchange(service.port, upload_request(GOOD))[0] for _ in range(3)], [200, 200, 429])
         self.assertEqual(exchange(service.port, upload_request(GOOD))[2], 'Report refused: too many uploads from this address; please try again later.')
-        self.assertTrue(exchange(service.port, request('GET', '/health'))[2].startswith('OK: schema 2, 3 reports waiting'))
+        self.assertTrue(exchange(service.port, request('GET', '/health'))[2].startswith('OK: schema 3, 3 reports waiting'))
         started = processes(service, 'nginx') + processes(service, 'php-fpm')
         service.stop()
         self.assertEqual([pid for pid in started if os.path.exists('/proc/%d' % pid)], [])
