@@ -84,8 +84,8 @@ class ServiceTest(unittest.TestCase):
                 self.assertEqual((service.rows(), service.stored()), before)
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
-        for data, fields, version, description in [(archive(escaped), {'product': 'V3'}, '3.0.1', 'Crash, then "été" ☺'),
-                                                   (archive('[Other]\nversion=9\n'), {'x': 'ü'}, '', '')]:
+        for data, fields, version, description in [(archive(escaped), {'product': 'Velmora ü'}, '3.0.1', 'Crash, then "été" ☺'),
+                                                   (archive('[Other]\nversion=9\n'), {}, '', '')]:
             with self.subTest(description):
                 status, content_type, line = exchange(service.port, upload_request(data, fields))
                 self.assertEqual(content_type, PLAIN)
