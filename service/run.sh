@@ -129,6 +129,20 @@ flock -n "$lock" || die "another service is already running on $data"
 rm -rf "$run"
 mkdir -p "$run"/{locations,www/service-data,php-upload} "$run"/nginx/{body,proxy,fastcgi,uwsgi,scgi} "$data/log"
 
+# The crash-stats pages' login. At first start: a user admin with a random password, whose hash
+# goes into DATA/htpasswd (outside DATA/run/, so it lasts) and whose text only the owner may read.
+login_file() {
+    [ -s "$data/htpasswd" ] && return
+    command -v openssl >/dev/null || die "openssl is missing (Debian package openssl)"
+    local password
+    password=$(openssl rand -base64 18 | tr '+/' '-_') || die "cannot make a password"
+    (umask 077 && printf '%s\n' "$password" >"$data/admin-password" \
+        && printf 'admin:%s\n' "$(openssl passwd -6 -stdin <<<"$password")" >"$data/htpasswd.new" \
+        && mv "$data/htpasswd.new" "$data/htpasswd") || die "cannot write the login file $data/htpasswd"
+    echo "Created the login for /crashes/: user admin, password in $data/admin-password"
+}
+login_file
+
 render() {
     php -r '
         $vars = [];
@@ -161,7 +175,7 @@ for file in "${includes[@]}"; do include_lines+="include \"$file\";"$'\n'; done
 vars=(RUN "$run" DATA "$data" WEB "$here/web" CONF "$here/conf" LISTEN "$listen" USER "$user_line"
       MAX_BYTES "$max_bytes" MAX_BODY $((max_bytes + 65536)) BODY_TIMEOUT "$body_timeout"
       RATE_LIMIT_ZONE "$zone_line" RATE_LIMIT "$limit_line" INCLUDES "$include_lines"
-      WORKERS "$workers" UPLOAD_URL "$public_url")
+      WORKERS "$workers" UPLOAD_URL "$public_url" STORE "$store")
 render "$here/conf/nginx.conf.in" "$run/nginx.conf"
 render "$here/conf/php-fpm.conf.in" "$run/php-fpm.conf"
 render "$here/conf/postinfo.ini.in" "$run/www/service-data/client-crashdump-postinfo.ini"
@@ -256,6 +270,7 @@ if [ "$processors" -gt 0 ]; then
     fi
 fi
 
+echo "Crash reports on http://$url_host/crashes/ (users in $data/htpasswd)"
 echo "Service on http://$url_host/, data in $data"
 echo "Logs in $data/log/"
 

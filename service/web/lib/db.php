@@ -5,11 +5,12 @@
 declare(strict_types=1);
 
 // The schema these scripts are written for: the number of the newest file in service/schema/.
-const SCHEMA_VERSION = 2;
+const SCHEMA_VERSION = 3;
 
 // $persistent keeps the connection open in the PHP-FPM worker for its next request: a new
-// PostgreSQL connection costs more than the work of an upload.
-function connectDatabase(string $url, bool $persistent = false): PDO
+// PostgreSQL connection costs more than the work of an upload. A name for it keeps it apart
+// from the worker's other kept connections.
+function connectDatabase(string $url, bool|string $persistent = false): PDO
 {
     $options = [PDO::ATTR_ERRMODE => PDO::ERRMODE_EXCEPTION, PDO::ATTR_EMULATE_PREPARES => false,
                 PDO::ATTR_PERSISTENT => $persistent];
@@ -58,7 +59,7 @@ function schemaVersion(PDO $db): int
 }
 
 // Refuses to work on a database whose schema this code does not know.
-function openDatabase(string $url, bool $persistent = false): PDO
+function openDatabase(string $url, bool|string $persistent = false): PDO
 {
     $db = connectDatabase($url, $persistent);
     $version = schemaVersion($db);

@@ -1,0 +1,285 @@
+"""The crash-stats pages on the real service: the login, what each page shows of a known set of
+reports (SQLite and PostgreSQL), hostile content and parameters, the archive download, and a
+real browser on a real crash of the demo client."""
+import base64
+import hashlib
+import html.parser
+import http.client
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.parse
+
+from servicefixture import HANG_SECONDS, ROOT, Postgres, Service
+
+BIN = os.environ.get('VELMORA_BIN', os.path.join(ROOT, 'build/bin'))
+SHOTS = os.environ.get('PAGES_SCREENSHOTS', tempfile.gettempdir())
+# The periods are UTC days: the rows and the pages must see the same day.
+if 86400 - time.time() % 86400 < 90:
+    time.sleep(86401 - time.time() % 86400)
+NOW = time.time()
+MAP, RENDER, EVIL = 'Map::load | memcpy', 'Render::draw', '<img src=x onerror=alert(1)>'
+EVIL_VERSION = "' OR 1=1 --"
+SCRIPT = "<script>document.title='owned'</script>"
+BREAKOUT = '"><img src=x onerror=alert(2)>'
+FRAMES = [
+    {'frame': 0, 'address': '0x000055d0c1a024ef', 'module': 'velmora3', 'offset': '0x24ef', 'build_id': None,
+     'function': 'Map::load', 'file': '/src/map.cpp', 'line': 39, 'inlined': True},
+    {'frame': 0, 'address': '0x000055d0c1a024ef', 'module': 'velmora3', 'offset': '0x24ef', 'build_id': None,
+     'function': 'Map::show', 'file': '/src/map.cpp', 'line': 121, 'inlined': False},
+    {'frame': 1, 'address': '0x00007f7e0a42724a', 'module': 'libc.so.6', 'offset': '0x2724a', 'build_id': None,
+     'function': None, 'file': None, 'line': None, 'inlined': False}]
+
+
+def day(ago):
+    return time.strftime('%Y-%m-%d', time.gmtime(NOW - ago * 86400))
+
+
+def report(n, ago, signature=MAP, version='3.2.0', **more):
+    return {'id': '%s-%016x' % (day(ago).replace('-', ''), 0xfeed0000 + n), 'received_at': int(NOW - ago * 86400),
+            'signature': signature, 'version': version, **more}
+
+
+# Days ago are chosen at the periods' edges: 6 days ago is in the last 7, 7 and 13 in the 7 days
+# before them, 14 in neither; 40 days ago is in the 28 before the last 28. Report 20 is a real
+# crash (below).
+REPORTS = [
+    report(1, 0, description=SCRIPT, frames=FRAMES, signal='SIGSEGV', address='0x0000000000000010',
+           log='started\n<b>not bold</b>\n', fields={'product': 'Velmora 3', '<i>name</i>': '<i>value</i>'}),
+    report(2, 0, description=BREAKOUT),
+    report(3, 0, version='3.1.0'),
+    report(4, 6),
+    report(5, 13, version='3.1.0'),
+    report(6, 20, version='3.0.1'),
+    report(7, 40, version='3.0.0'),
+    report(8, 0, RENDER), report(9, 0, RENDER),
+    report(10, 7, RENDER), report(11, 8, RENDER, received_at=int(NOW - 8 * 86400) + 60), report(12, 8, RENDER),
+    report(13, 2, EVIL, EVIL_VERSION, fields={'"><b>': '</dd><script>x</script>'}),
+    report(14, 0, state='failed', failure='the dump is truncated', attempts=3, log='x' * 99999 + '\n'),
+    report(15, 0, state='new'),
+    report(16, 100, 'Old::crash', archive='removed'),
+    report(17, 2, EVIL, EVIL_VERSION), report(18, 2, EVIL, EVIL_VERSION), report(19, 14), report(21, 20, RENDER),
+]
+ID = {int(r['id'][9:], 16) - 0xfeed0000: r['id'] for r in REPORTS} | {20: report(20, 0)['id']}
+REAL = 'crash | main'
+
+# The top list for a query: per row signature, count, % of all, change, first seen, versions.
+TOP = [
+    ('?days=7', [(MAP, '4', '40.00', '+15.0', day(40), '3.2.0, 3.1.0'), (EVIL, '3', '30.00', 'new', day(2), EVIL_VERSION),
+                 (RENDER, '2', '20.00', '−55.0', day(20), '3.2.0'), (REAL, '1', '10.00', 'new', day(0), '3.0.0')]),
+    ('?days=1', [(MAP, '3', '50.00', 'new', day(40), '3.2.0, 3.1.0'), (RENDER, '2', '33.33', 'new', day(20), '3.2.0'),
+                 (REAL, '1', '16.67', 'new', day(0), '3.0.0')]),
+    ('?days=28', [(MAP, '7', '41.18', '−58.8', day(40), '3.2.0, 3.1.0, 3.0.1'), (RENDER, '6', '35.29', 'new', day(20), '3.2.0'),
+                  (EVIL, '3', '17.65', 'new', day(2), EVIL_VERSION), (REAL, '1', '5.88', 'new', day(0), '3.0.0')]),
+    ('?days=7&version=3.1.0', [(MAP, '1', '100.00', '0.0', day(40), '3.1.0')]),
+    ('?days=7&version=' + urllib.parse.quote(EVIL_VERSION), [(EVIL, '3', '100.00', 'new', day(2), EVIL_VERSION)]),
+    ('?days=28&version=9.9', []),
+]
+
+# A request, whether it logs in, and the status and a text of the answer.
+ACCESS = [
+    ('/crashes/', None, 401, ''),
+    ('/crashes/report/%s/archive' % ID[1], None, 401, ''),
+    ('/crashes/', 'wrong', 401, ''),
+    ('/service-data/client-crashdump-postinfo.ini', None, 200, 'filefield = dumpfile'),
+    ('/crashes/?days=2', 'admin', 400, 'The period is 1, 7 or 28 days'),
+    ('/crashes/?days[]=7', 'admin', 400, 'given more than once'),
+    ('/crashes/signature?s=' + 'x' * 1100, 'admin', 400, 'at most 255 characters'),
+    ('/crashes/signature?s=Map%3A%3Aload', 'admin', 404, 'No report has the signature'),
+    ('/crashes/report?id=' + urllib.parse.quote('Report %s received (123 bytes).' % ID[2].upper()), 'admin', 303, ''),
+    ('/crashes/report?id=nonsense', 'admin', 400, 'holds none'),
+    ('/crashes/report?id=20200101-0000000000000000', 'admin', 404, 'There is no report 20200101-0000000000000000'),
+    ('/crashes/report/%s' % ID[1].upper(), 'admin', 404, ''),
+    ('/crashes/report/..%2F..%2Freports.sqlite', 'admin', 404, ''),
+    ('/crashes/report/%s/archive' % ID[16], 'admin', 410, 'removed from the store'),
+    ('/crashes/top.php', 'admin', 404, ''),
+    ('/.store/%s/%s.zip' % (ID[1][:8], ID[1]), None, 404, ''),
+]
+
+# A page and texts it shows, in this order.
+PAGES = [
+    ('report/' + ID[1], ['<i>name</i> = <i>value</i>', 'Signature ' + MAP, 'SIGSEGV at 0x0000000000000010',
+                         ID[1] + '.zip', SCRIPT, 'Map::load inlined /src/map.cpp:39 velmora3+0x24ef',
+                         'Map::show /src/map.cpp:121', '1 ? libc.so.6+0x2724a', 'Log: client.log', '<b>not bold</b>']),
+    ('report/' + ID[13], [EVIL_VERSION, '"><b> = </dd><script>x</script>', EVIL]),
+    ('report/' + ID[14], ['failed: the dump is truncated (3 attempts)', 'the first 65,536 of 100,000 bytes']),
+    ('report/' + ID[15], ['waiting to be processed', 'none given']),
+    ('report/' + ID[16], ['removed from the store on']),
+    ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),
+                                                   ID[9], ID[8], ID[10], ID[11], ID[12], ID[21]]),
+]
+
+
+class Cells(html.parser.HTMLParser):
+    """The text of each table cell, row by row, and all text, as a browser would show it."""
+    def __init__(self, page):
+        super().__init__()
+        self.rows, self.text, self.cell = [], '', None
+        self.feed(page)
+
+    def handle_starttag(self, tag, attrs):
+        if tag == 'tr':
+            self.rows.append([])
+        elif tag in ('td', 'th'):
+            self.cell = ''
+
+    def handle_endtag(self, tag):
+        if tag in ('td', 'th'):
+            self.rows[-1].append(self.cell.strip())
+            self.cell = None
+        self.text += ' '
+
+    def handle_data(self, data):
+        self.text += data
+        if self.cell is not None:
+            self.cell += data
+
+
+def real_crash(work):
+    """A real crash of the demo client as a report, its frames symbolized as the processor does
+    it: eu-addr2line on the dump's own maps, caller frames looked up one byte back."""
+    subprocess.run([os.path.join(BIN, 'velmora-democlient'), '--crash=segv', '--dump-folder', work, '--log',
+                    os.path.join(work, 'client.log'), '--sender', '/bin/true'], timeout=HANG_SECONDS)
+    dump = open([os.path.join(work, f) for f in os.listdir(work) if f.endswith('.dmp')][0]).read()
+    maps = re.findall(r'^([0-9a-f]+)-([0-9a-f]+) .* (/\S+)$', dump.split('\nmaps:\n', 1)[1], re.M)
+    with open(os.path.join(work, 'maps'), 'w') as f:
+        f.write(dump.split('\nmaps:\n', 1)[1])
+    frames = [int(a, 16) for a in re.findall(r'^frame \d+: 0x([0-9a-f]+)$', dump, re.M)]
+    out = iter(subprocess.run(['eu-addr2line', '-M', os.path.join(work, 'maps'), '-f', '-i', '-C', '-a',
+                               *('0x%x' % (a - (n > 0)) for n, a in enumerate(frames))],
+                              capture_output=True, text=True, timeout=HANG_SECONDS).stdout.splitlines())
+    symbolized, n = [], -1
+    for function in out:
+        if re.fullmatch('0x[0-9a-f]+', function):
+            n += 1
+            continue
+        file, line = re.fullmatch(r'(.*?):(\d+)(?::\d+)?', next(out)).groups()
+        path = next(path for start, end, path in maps if int(start, 16) <= frames[n] < int(end, 16))
+        load = min(int(start, 16) for start, _, other in maps if other == path)
+        symbolized.append({'frame': n, 'address': '0x%016x' % frames[n], 'module': os.path.basename(path),
+                           'offset': '0x%x' % (frames[n] - load), 'build_id': None,
+                           'function': function.split(' inlined at ')[0], 'file': None if file == '??' else file,
+                           'line': int(line) or None, 'inlined': ' inlined at ' in function})
+    return report(20, 0, REAL, '3.0.0', frames=symbolized, signal='SIGSEGV', address='0x0000000000000000',
+                  log=open(os.path.join(work, 'client.log')).read(), dump=dump, description='The real crash')
+
+
+class Pages(unittest.TestCase):
+    database = 'sqlite'
+
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.mkdtemp(prefix='velmora-pages.')
+        cls.postgres = Postgres() if cls.database == 'postgresql' else None
+        cls.service = Service(cls.work, db=cls.postgres and cls.postgres.url).start()
+        cls.password = open(os.path.join(cls.service.data, 'admin-password')).read().strip()
+        rows = REPORTS + [real_crash(cls.work)]
+        subprocess.run(['php', os.path.join(ROOT, 'scripts/load-reports.php'), '--db', cls.service.db, '--store',
+                        cls.service.store, '-'], input=json.dumps(rows), text=True, check=True, timeout=HANG_SECONDS)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.service.stop()
+        if cls.postgres:
+            cls.postgres.stop()
+        shutil.rmtree(cls.work)
+
+    def get(self, path, user='admin'):
+        connection = http.client.HTTPConnection('127.0.0.1', self.service.port, timeout=HANG_SECONDS)
+        login = '%s:%s' % (user, self.password if user == 'admin' else 'not-the-password')
+        connection.request('GET', path, headers={'Authorization': 'Basic ' + base64.b64encode(login.encode()).decode()}
+                           if user else {})
+        answer = connection.getresponse()
+        return answer.status, answer.headers, answer.read()
+
+    def test_access(self):
+        for path, user, status, text in ACCESS:
+            with self.subTest(path=path[:80], user=user):
+                got, headers, body = self.get(path, user)
+                self.assertEqual(got, status, body[:300])
+                self.assertIn(text, Cells(body.decode()).text)
+                if status == 303:
+                    self.assertEqual(headers['Location'], '/crashes/report/' + ID[2])
+
+    def test_login_kept(self):
+        """The login made at the first start is its owner's alone and outlives a restart."""
+        self.assertEqual(os.stat(os.path.join(self.service.data, 'admin-password')).st_mode & 0o777, 0o600)
+        with open(os.path.join(self.service.data, 'htpasswd')) as f:
+            self.assertRegex(f.read(), r'^admin:\$6\$[^\n]+\n$')
+        self.service.stop()
+        self.service.start()
+        self.assertEqual(self.get('/crashes/')[0], 200)
+
+    def test_top(self):
+        for query, expected in TOP:
+            with self.subTest(query=query):
+                status, headers, body = self.get('/crashes/' + query)
+                self.assertEqual(status, 200)
+                self.assertNotIn(b'<img', body)
+                rows = [row for row in Cells(body.decode()).rows[1:]]
+                self.assertEqual(rows, [[str(rank + 1), *row] for rank, row in enumerate(expected)])
+                self.assertIn("default-src 'none'", headers['Content-Security-Policy'])
+
+    def test_pages(self):
+        for path, texts in PAGES:
+            with self.subTest(path=path):
+                status, _, body = self.get('/crashes/' + path)
+                self.assertEqual(status, 200)
+                self.assertNotRegex(body, rb'<(?:script|img|b|i)\b')
+                page, at = re.sub(r'\s+', ' ', Cells(body.decode()).text), 0
+                for text in texts:
+                    at = page.find(text, at)
+                    self.assertGreaterEqual(at, 0, text)
+
+    def test_download(self):
+        status, headers, body = self.get('/crashes/report/%s/archive' % ID[1])
+        self.assertEqual((status, headers['Content-Type']), (200, 'application/zip'))
+        self.assertEqual(headers['Content-Disposition'], 'attachment; filename="%s.zip"' % ID[1])
+        with open(os.path.join(self.service.store, ID[1][:8], ID[1] + '.zip'), 'rb') as f:
+            self.assertEqual(body, f.read())
+
+    def test_browser(self):
+        if self.database != 'sqlite':
+            self.skipTest('the browser runs once, on SQLite')
+        from selenium import webdriver
+        from selenium.webdriver.common.by import By
+        options = webdriver.ChromeOptions()
+        for argument in ('--headless=new', '--no-sandbox', '--disable-gpu', '--window-size=1200,1000'):
+            options.add_argument(argument)
+        os.makedirs(SHOTS, exist_ok=True)
+        browser = webdriver.Chrome(options=options)
+        try:
+            base = 'http://127.0.0.1:%d' % self.service.port
+            browser.get('http://admin:%s@127.0.0.1:%d/crashes/' % (self.password, self.service.port))
+            browser.save_screenshot(os.path.join(SHOTS, 'pages-top.png'))
+            browser.find_element(By.LINK_TEXT, REAL).click()
+            browser.save_screenshot(os.path.join(SHOTS, 'pages-signature.png'))
+            self.assertEqual(browser.find_element(By.TAG_NAME, 'h1').text, REAL)
+            self.assertEqual(len(browser.find_elements(By.CSS_SELECTOR, 'svg rect.bar')), 1)
+            browser.find_element(By.LINK_TEXT, ID[20]).click()
+            browser.save_screenshot(os.path.join(SHOTS, 'pages-report.png'))
+            first = browser.find_element(By.CSS_SELECTOR, 'table.frames tbody tr')
+            self.assertEqual(first.find_elements(By.TAG_NAME, 'td')[1].text, 'crash inlined')
+            for path, shown in (('/crashes/report/' + ID[1], SCRIPT), ('/crashes/report/' + ID[2], BREAKOUT),
+                                ('/crashes/?version=' + urllib.parse.quote(EVIL_VERSION), EVIL)):
+                browser.get(base + path)
+                self.assertEqual(browser.find_elements(By.CSS_SELECTOR, 'script, img'), [])
+                self.assertNotEqual(browser.title, 'owned')
+                self.assertIn(shown, browser.find_element(By.TAG_NAME, 'main').text)
+            browser.save_screenshot(os.path.join(SHOTS, 'pages-hostile.png'))
+        finally:
+            browser.quit()
+
+
+class PagesOnPostgres(Pages):
+    database = 'postgresql'
+
+
+if __name__ == '__main__':
+    unittest.main()
