@@ -22,13 +22,6 @@ static const char userAgent[] = "Velmora3-Crash-Reporter-1.0";
 static const char postInfoUrl[] =
         ERROR_REPORT_SERVICE_SCHEME "://" ERROR_REPORT_SERVICE_HOST "/service-data/client-crashdump-postinfo.ini";
 
-// Server texts end at their first NUL byte, whatever follows it.
-static QString textUpToNul(const QByteArray &bytes)
-{
-    const int nul = bytes.indexOf('\0');
-    return QString::fromUtf8(nul < 0 ? bytes : bytes.left(nul));
-}
-
 ErrorReport::ErrorReport(const QStringList &arguments)
     : QWidget(nullptr, Qt::WindowCloseButtonHint),
       args(arguments)
@@ -88,8 +81,9 @@ void ErrorReport::onGetReplyError(QNetworkReply::NetworkError code)
 
 void ErrorReport::onGetReplyFinished()
 {
-    // An error reply that still carries a body is used like a good one.
-    postInfoText = textUpToNul(formGet->data());
+    // An error reply that still carries a body is used like a good one. A server text ends at its
+    // first NUL byte: fromUtf8() of a byte array stops there.
+    postInfoText = QString::fromUtf8(formGet->data());
     if (!postInfoText.isEmpty()) {
         preparePost();
         return;
@@ -106,7 +100,7 @@ void ErrorReport::onPostReplyError(QNetworkReply::NetworkError code)
 
 void ErrorReport::onPostReplyFinished()
 {
-    const QString answer = textUpToNul(formPost->data());
+    const QString answer = QString::fromUtf8(formPost->data());
     if (!answer.isEmpty()) {
         // The answer is shown as the locale's 8-bit encoding can carry it.
         errorTextEdit->append(QString::fromLocal8Bit(answer.toLocal8Bit()));

@@ -13,8 +13,10 @@ QByteArray HttpServer::Request::header(const QByteArray &name) const
 
 HttpServer::HttpServer(quint16 port)
 {
+    // Going on without it would let the rows talk to whatever else holds the port.
     if (!listen(QHostAddress::LocalHost, port))
-        qWarning("HttpServer: cannot listen on 127.0.0.1:%u: %s", port, qPrintable(errorString()));
+        qFatal("HttpServer: cannot listen on 127.0.0.1:%u: %s (another test run on this port?)", port,
+               qPrintable(errorString()));
 }
 
 void HttpServer::incomingConnection(qintptr socketDescriptor)

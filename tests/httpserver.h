@@ -24,7 +24,7 @@ public:
         bool hangUp = false;    // drop the connection, unanswered, once the request is in
     };
 
-    // Listens on 127.0.0.1 at once; port 0 picks a free one.
+    // Listens on 127.0.0.1 at once, or ends the test program saying why; port 0 picks a free one.
     explicit HttpServer(quint16 port = 0);
     QString url(const QString &path) const { return QStringLiteral("http://127.0.0.1:%1%2").arg(serverPort()).arg(path); }
 

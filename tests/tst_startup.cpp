@@ -55,6 +55,8 @@ void tst_Startup::run_data()
     QTest::newRow("no arguments") << QStringList() << QByteArray("C") << "" << false;
     QTest::newRow("two arguments") << QStringList{"1.0", "DIR"} << QByteArray("C") << "" << false;
     QTest::newRow("six arguments") << QStringList{"1.0", "DIR", "c.log", "d.dmp", "x", "y"} << QByteArray("C") << "" << false;
+    QTest::newRow("five and Qt's options are too many at first") << QStringList{"-style", "fusion", "1.0", "DIR", "DIR/c.log", "crash.dmp", "spare"}
+                                                               << QByteArray("C") << "" << false;
     QTest::newRow("Qt's options leave too few") << QStringList{"-style", "fusion", "1.0", "DIR"} << QByteArray("C") << "" << false;
     QTest::newRow("suffix is case-sensitive") << QStringList{"1.0", "/dev/null", "c.LOG", "d.dmp"} << QByteArray("C") << "" << false;
     QTest::newRow("neither folder nor log") << QStringList{"1.0", "/nowhere", "c.txt", "d.dmp"} << QByteArray("C") << "" << false;
