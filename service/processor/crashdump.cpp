@@ -10,7 +10,8 @@ static const int maxFieldChars = 128;
 // which PostgreSQL's text (NUL) or a log line would trip over, become '?'.
 static QString cleanText(const QByteArray &bytes)
 {
-    QString text = QString::fromUtf8(bytes);
+    // With its size: fromUtf8 of the array alone would end the text at a NUL.
+    QString text = QString::fromUtf8(bytes.constData(), bytes.size());
     for (QChar &c : text) {
         if (c.unicode() < 0x20 || c.unicode() == 0x7f)
             c = QLatin1Char('?');
