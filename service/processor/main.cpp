@@ -57,7 +57,7 @@ static int failure(const QString &message)
     return ExitFailure;
 }
 
-static int work(Processor &processor, bool drain, int pollSeconds)
+static int work(Processor &processor, ReportDatabase &database, bool drain, int pollSeconds)
 {
     int done = 0, failed = 0;
     while (!stopRequested) {
@@ -75,8 +75,11 @@ static int work(Processor &processor, bool drain, int pollSeconds)
             break;
         case Processor::DatabaseError:
             if (drain)
-                return ExitFailure;
+                return failure(database.lastError());
+            // The database may be restarting: try again with a fresh connection.
+            qWarning("Database: %s", qUtf8Printable(database.lastError()));
             pause(pollSeconds);
+            database.reopen();
             break;
         }
     }
@@ -211,5 +214,5 @@ int main(int argc, char *argv[])
     if (parser.isSet(again))
         return reprocess(processor, database, sinceTime);
     qInfo("Processor %s, signature rules version %d", qUtf8Printable(workerName), signatureRules.version());
-    return work(processor, parser.isSet(drain), pollSeconds);
+    return work(processor, database, parser.isSet(drain), pollSeconds);
 }

@@ -276,16 +276,12 @@ bool ReportDatabase::begin()
 {
     // SQLite takes its write lock at once, so that two processors cannot both read a report
     // as free and then both take it.
-    QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    query.prepare(m_postgres ? QStringLiteral("BEGIN") : QStringLiteral("BEGIN IMMEDIATE"));
-    return run(query);
+    return execute(m_postgres ? QStringLiteral("BEGIN") : QStringLiteral("BEGIN IMMEDIATE"));
 }
 
 bool ReportDatabase::commit()
 {
-    QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    query.prepare(QStringLiteral("COMMIT"));
-    if (run(query))
+    if (execute(QStringLiteral("COMMIT")))
         return true;
     rollback();
     return false;
@@ -294,6 +290,16 @@ bool ReportDatabase::commit()
 void ReportDatabase::rollback()
 {
     QSqlQuery(QSqlDatabase::database(m_connection, false)).exec(QStringLiteral("ROLLBACK"));
+}
+
+// Unprepared: PostgreSQL prepares no transaction control.
+bool ReportDatabase::execute(const QString &sql)
+{
+    QSqlQuery query(QSqlDatabase::database(m_connection, false));
+    if (query.exec(sql))
+        return true;
+    m_error = query.lastError().text();
+    return false;
 }
 
 bool ReportDatabase::run(QSqlQuery &query)

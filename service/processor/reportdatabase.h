@@ -62,6 +62,7 @@ private:
     bool begin();
     bool commit();
     void rollback();
+    bool execute(const QString &sql);
     bool run(QSqlQuery &query);
     bool endClaim(const Claim &claim, const QString &state, const QString &failure);
     bool uncount(const Claim &claim);

@@ -43,18 +43,30 @@ StoredReport ReportStore::read(const QString &id) const
         report.error = QStringLiteral("the archive holds %1 entries, more than %2").arg(zip.getEntriesCount()).arg(MaxEntries);
         return report;
     }
-    // The dump is the entry that starts as one: its name is the client's to choose.
+    // The dump is the entry that starts as one or, failing that, the first named as one: then
+    // the parser says what is wrong with it.
+    QString dumpName;
     for (bool more = zip.goToFirstFile(); more; more = zip.goToNextFile()) {
         QuaZipFile entry(&zip);
         if (!entry.open(QIODevice::ReadOnly)) {
             report.error = QStringLiteral("an entry of the archive cannot be read (error %1)").arg(entry.getZipError());
             return report;
         }
-        const QByteArray head = entry.read(int(sizeof dumpMagic) - 1);
-        if (head != dumpMagic)
-            continue;
+        if (entry.read(int(sizeof dumpMagic) - 1) == dumpMagic) {
+            dumpName = zip.getCurrentFileName();
+            break;
+        }
+        if (dumpName.isEmpty() && zip.getCurrentFileName().endsWith(QLatin1String(".dmp")))
+            dumpName = zip.getCurrentFileName();
+    }
+    if (!dumpName.isEmpty() && zip.setCurrentFile(dumpName)) {
+        QuaZipFile entry(&zip);
+        if (!entry.open(QIODevice::ReadOnly)) {
+            report.error = QStringLiteral("the crash dump in the archive cannot be read (error %1)").arg(entry.getZipError());
+            return report;
+        }
         // One byte over the cap tells the parser that the dump was cut.
-        report.dump = head + entry.read(CrashDump::MaxBytes + 1 - head.size());
+        report.dump = entry.read(CrashDump::MaxBytes + 1);
         // Closing checks the CRC of an entry read to its end.
         entry.close();
         if (entry.getZipError() != UNZ_OK) {
@@ -62,7 +74,6 @@ StoredReport ReportStore::read(const QString &id) const
             return report;
         }
         report.hasDump = true;
-        break;
     }
     if (zip.getZipError() != UNZ_OK) {
         report.error = QStringLiteral("the archive is damaged (error %1)").arg(zip.getZipError());
