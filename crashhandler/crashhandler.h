@@ -10,17 +10,25 @@ extern "C" {
 
 /* Installs the handler for SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and SIGTRAP. Call it once,
    early, from the main thread: the alternate signal stack that lets a stack overflow be
-   handled belongs to the calling thread.
+   handled belongs to the calling thread. A handler the client installed before is kept and
+   gets the signal after the dump is written and the sender started; a runtime that uses one of
+   these signals for its own ends installs its handler afterwards and passes on what it does
+   not own.
 
    sender       the sender executable, started as: sender version dump_folder log_path
                 dump_name signal_name
-   version      the client's version text
+   version      the client's version text, at most 255 bytes
    dump_folder  an existing, writable folder; dumps are named crash-<pid>-<unix seconds>.dmp
+                (with a random part when that name is taken)
    log_path     the client's log file, passed on to the sender
 
-   Returns 0, or an errno value and installs nothing: EINVAL for a missing argument, EBUSY
-   when already installed, ENAMETOOLONG, ENOENT or ENOTDIR for the dump folder, EACCES for
-   a sender that is not an executable file or a dump folder that is not writable. */
+   Returns 0, or an errno value and changes nothing (signal actions, alternate stack):
+   EINVAL       an argument is missing or empty, or the version is longer than 255 bytes
+   EBUSY        already installed
+   EACCES       the sender is missing or no executable file, or the dump folder is not writable
+   ENOENT, ENOTDIR  the dump folder is missing or no folder
+   ENAMETOOLONG no dump name fits after the dump folder's path, or the log path is too long
+   other        what sigaltstack or sigaction answered (EPERM: called on the alternate stack) */
 int crashhandler_install(const char *sender, const char *version, const char *dump_folder,
                          const char *log_path);
 

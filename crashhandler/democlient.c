@@ -5,7 +5,10 @@
 
 #include <getopt.h>
 #include <limits.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,15 +16,38 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { EXIT_USAGE = 2, EXIT_NOT_INSTALLED = 3, EXIT_NO_CRASH = 4 };
+enum { EXIT_USAGE = 2, EXIT_NO_CRASH = 4 };
 
-static const char client_version[] = "3.0.0";
+static const char *const kinds[] = {
+    "segv", "abort", "fpe", "stack", "nullcall", "wild", "trap", "thread", "race", "unwind", NULL,
+};
 
 /* Volatile, so that the compiler can neither fold the faults nor prove the recursion endless. */
 static int *volatile null_pointer;
+static int *volatile wild_pointer = (int *)(UINTPTR_MAX / 2 + 1);
+static void (*volatile null_function)(void);
 static volatile int zero;
 static volatile int dividend = 42;
 static volatile unsigned long recursion_limit = ULONG_MAX;
+
+static sem_t second_crash;
+static int racing;
+
+#if defined(__x86_64__)
+/* Writes to address 0 from code whose unwind information is damaged (a CFA expression with an
+   invalid opcode): libgcc's unwinder calls abort() when it reaches this frame. */
+void broken_unwind(void);
+__asm__(".text\n"
+        ".globl broken_unwind\n"
+        ".type broken_unwind, @function\n"
+        "broken_unwind:\n"
+        ".cfi_startproc\n"
+        ".cfi_escape 0x0f, 0x01, 0xff\n"
+        "movl $1, 0\n"
+        "ret\n"
+        ".cfi_endproc\n"
+        ".size broken_unwind, .-broken_unwind\n");
+#endif
 
 static unsigned long recurse(unsigned long depth)
 {
@@ -33,22 +59,95 @@ static unsigned long recurse(unsigned long depth)
     return recurse(depth + 1) + (unsigned long)frame[0];
 }
 
+static void divide_by_zero(void)
+{
+#if defined(__x86_64__) || defined(__i386__)
+    zero = dividend / zero;
+#else
+    /* Integer division by zero does not trap on ARM; it gives 0. */
+    raise(SIGFPE);
+#endif
+}
+
+/* Crashes once the main thread has ended with pthread_exit, which leaves the process running. */
+static void *worker(void *unused)
+{
+    (void)unused;
+    for (int tries = 0; tries < 500; ++tries) {
+        char stat[256] = "";
+        FILE *file = fopen("/proc/self/stat", "r");
+        const char *state = file && fgets(stat, sizeof stat, file) ? strrchr(stat, ')') : NULL;
+        if (file)
+            fclose(file);
+        if (state && state[1] == ' ' && state[2] == 'Z')
+            break;
+        struct timespec nap = { 0, 10 * 1000 * 1000 };
+        nanosleep(&nap, NULL);
+    }
+    *null_pointer = 1;
+    return NULL;
+}
+
+/* Divides by zero once the first thread's crash has reached the client's own handler. */
+static void *second_thread(void *unused)
+{
+    (void)unused;
+    while (sem_wait(&second_crash) != 0) {}
+    divide_by_zero();
+    return NULL;
+}
+
 static void crash(const char *kind)
 {
-    if (strcmp(kind, "segv") == 0) {
+    if (strcmp(kind, "segv") == 0 || strcmp(kind, "race") == 0) {
         *null_pointer = 1;
     } else if (strcmp(kind, "abort") == 0) {
         abort();
     } else if (strcmp(kind, "fpe") == 0) {
-#if defined(__x86_64__) || defined(__i386__)
-        zero = dividend / zero;
-#else
-        /* Integer division by zero does not trap on ARM; it gives 0. */
-        raise(SIGFPE);
-#endif
+        divide_by_zero();
     } else if (strcmp(kind, "stack") == 0) {
         zero = (int)recurse(0);
+    } else if (strcmp(kind, "nullcall") == 0) {
+        null_function();
+    } else if (strcmp(kind, "wild") == 0) {
+        *wild_pointer = 1;
+    } else if (strcmp(kind, "trap") == 0) {
+#if defined(__x86_64__) || defined(__i386__)
+        __asm__ volatile("int3");
+#elif defined(__aarch64__)
+        __asm__ volatile("brk #0");
+#endif
+    } else if (strcmp(kind, "unwind") == 0) {
+#if defined(__x86_64__)
+        broken_unwind();
+#endif
     }
+}
+
+/* The client's own handler, there before the crash handler: it learns of the crash after the
+   report is on its way, then lets the crash take its course. */
+static void own_handler(int signo)
+{
+    static const char line[] = "velmora-democlient: its own handler got the crash\n";
+    if (write(STDERR_FILENO, line, sizeof line - 1) < 0) {}
+    if (racing) {
+        sem_post(&second_crash);
+        struct timespec pause = { 1, 0 };
+        nanosleep(&pause, NULL);
+    }
+    signal(signo, SIG_DFL);
+}
+
+static void install_own_handler(void)
+{
+    static char stack_memory[32 * 1024];
+    stack_t stack = { .ss_sp = stack_memory, .ss_size = sizeof stack_memory };
+    sigaltstack(&stack, NULL);
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = own_handler;
+    action.sa_flags = SA_ONSTACK;
+    sigaction(SIGSEGV, &action, NULL);
 }
 
 static void log_line(FILE *log, const char *text, const char *detail)
@@ -61,10 +160,11 @@ static void log_line(FILE *log, const char *text, const char *detail)
 
 static void usage(FILE *out)
 {
-    fprintf(out, "Usage: velmora-democlient --crash=segv|abort|fpe|stack --dump-folder DIR --log FILE"
-                 " [--sender PATH]\n\n"
+    fprintf(out, "Usage: velmora-democlient --crash=KIND --dump-folder DIR --log FILE [--sender PATH]\n"
+                 "                          [--client-version TEXT] [--own-handler]\n\n"
                  "Installs the crash handler and crashes; the handler writes the dump into DIR and\n"
-                 "starts the sender (default: error_report beside this program).\n");
+                 "starts the sender (default: error_report beside this program). KIND is one of\n"
+                 "segv abort fpe stack nullcall wild trap thread race unwind.\n");
 }
 
 int main(int argc, char *argv[])
@@ -74,10 +174,14 @@ int main(int argc, char *argv[])
         { "dump-folder", required_argument, NULL, 'd' },
         { "log", required_argument, NULL, 'l' },
         { "sender", required_argument, NULL, 's' },
+        { "client-version", required_argument, NULL, 'v' },
+        { "own-handler", no_argument, NULL, 'o' },
         { "help", no_argument, NULL, 'h' },
         { NULL, 0, NULL, 0 },
     };
     const char *kind = NULL, *dump_folder = NULL, *log_path = NULL, *sender = NULL;
+    const char *client_version = "3.0.0";
+    int own = 0;
     int option;
     while ((option = getopt_long(argc, argv, "", options, NULL)) != -1) {
         switch (option) {
@@ -85,12 +189,19 @@ int main(int argc, char *argv[])
         case 'd': dump_folder = optarg; break;
         case 'l': log_path = optarg; break;
         case 's': sender = optarg; break;
+        case 'v': client_version = optarg; break;
+        case 'o': own = 1; break;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return EXIT_USAGE;
         }
     }
-    if (optind != argc || !kind || !dump_folder || !log_path
-        || (strcmp(kind, "segv") && strcmp(kind, "abort") && strcmp(kind, "fpe") && strcmp(kind, "stack"))) {
+    int known = 0;
+    for (int i = 0; kind && kinds[i]; ++i)
+        known |= strcmp(kind, kinds[i]) == 0;
+#if !defined(__x86_64__)
+    known &= strcmp(kind, "unwind") != 0;
+#endif
+    if (optind != argc || !known || !dump_folder || !log_path) {
         usage(stderr);
         return EXIT_USAGE;
     }
@@ -108,23 +219,35 @@ int main(int argc, char *argv[])
     }
 
     FILE *log = fopen(log_path, "w");
-    if (!log) {
+    if (log) {
+        log_line(log, "Velmora 3 demo client ", client_version);
+        log_line(log, "renderer: device lost, about to crash: ", kind);
+        fclose(log);
+    } else {
         perror(log_path);
-        return EXIT_USAGE;
     }
-    log_line(log, "Velmora 3 demo client ", client_version);
-    log_line(log, "renderer: device lost, about to crash: ", kind);
-    fclose(log);
 
-    int error = crashhandler_install(sender, client_version, dump_folder, log_path);
-    if (error != 0) {
-        fprintf(stderr, "velmora-democlient: crash handler not installed: %s\n", strerror(error));
-        return EXIT_NOT_INSTALLED;
-    }
     /* Its crashes are on purpose and the handler's dump tells all; no core files. */
     struct rlimit no_core = { 0, 0 };
     setrlimit(RLIMIT_CORE, &no_core);
+    racing = strcmp(kind, "race") == 0;
+    if (racing) {
+        pthread_t thread;
+        sem_init(&second_crash, 0, 0);
+        pthread_create(&thread, NULL, second_thread, NULL);
+    }
+    if (own)
+        install_own_handler();
 
+    int error = crashhandler_install(sender, client_version, dump_folder, log_path);
+    if (error != 0)
+        fprintf(stderr, "velmora-democlient: crash handler not installed: %s\n", strerror(error));
+
+    if (strcmp(kind, "thread") == 0) {
+        pthread_t thread;
+        pthread_create(&thread, NULL, worker, NULL);
+        pthread_exit(NULL);
+    }
     crash(kind);
     fprintf(stderr, "velmora-democlient: still alive after --crash=%s\n", kind);
     return EXIT_NO_CRASH;

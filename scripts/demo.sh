@@ -82,6 +82,7 @@ crash_client() {
     [ "$status" -eq $((128 + 11)) ] || fail "the demo client ended with status $status, not by SIGSEGV"
     dump=$(compgen -G "$crash/crash-*.dmp") || fail "the crash handler wrote no dump"
     echo "The demo client crashed: $(grep -m1 '^signal:' "$dump"), dump $dump"
+    scripts/symbolize.sh "$dump" | sed -n '1,3p'
 }
 
 headless=

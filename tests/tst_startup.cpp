@@ -7,7 +7,13 @@
 
 #include <quazip.h>
 
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 // How the program is started: by hand, as a child on a private X server, against a post-info file
@@ -119,60 +125,191 @@ void tst_Startup::run()
     }
 }
 
+// What a client may have set up before it crashes; prepared between fork and exec.
+enum Setting { Traced = 1, Hostile = 2, NamesTaken = 4, NoTrapAction = 8 };
+
+// Makes one system call fail for one first argument, as an older kernel or a sandbox would.
+static void deny(long call, unsigned first, int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, unsigned(call), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, first, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | unsigned(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {sizeof filter / sizeof filter[0], filter};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+class Client : public QProcess
+{
+public:
+    int setting = 0;
+    QByteArray folder, leaked;
+
+protected:
+    void setupChildProcess() override
+    {
+        if (setting & Hostile) {
+            signal(SIGPIPE, SIG_IGN);
+            signal(SIGHUP, SIG_IGN);
+            ::open(leaked.constData(), O_WRONLY | O_CREAT, 0600);
+            deny(SYS_close_range, 3, ENOSYS);
+        }
+        if (setting & NoTrapAction)
+            deny(SYS_rt_sigaction, SIGTRAP, EPERM);
+        for (time_t t = time(nullptr); setting & NamesTaken && t < time(nullptr) + 10; ++t) {
+            char name[PATH_MAX];
+            snprintf(name, sizeof name, "%s/crash-%d-%lld.dmp", folder.constData(), getpid(), (long long)t);
+            const int fd = ::open(name, O_WRONLY | O_CREAT, 0600);
+            if (::write(fd, "planted\n", 8) == 8)
+                ::close(fd);
+        }
+    }
+};
+
 void tst_Startup::crash_data()
 {
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<int>("signal");        // 0: the dump folder is missing, and the install refuses
+    QTest::addColumn<QString>("build");         // empty: the demo client as CMake builds it
+    QTest::addColumn<QStringList>("args");      // the crash's kind, then more options
+    QTest::addColumn<int>("setting");
+    QTest::addColumn<int>("signal");            // it dies by it, and its dump names it
+    QTest::addColumn<QString>("function");      // among the symbolized frames; empty: no dump, no sender
+    QTest::addColumn<QString>("line");          // in the dump
+    QTest::addColumn<QString>("said");          // on the client's stderr
 
-    QTest::newRow("segv") << "segv" << SIGSEGV;
-    QTest::newRow("abort") << "abort" << SIGABRT;
-    QTest::newRow("fpe") << "fpe" << SIGFPE;
+    const QString nullAddress = "address: 0x0000000000000000";
+    QTest::newRow("segv, the death keeps the fault's siginfo") << "" << QStringList{"segv"} << int(Traced) << SIGSEGV << "crash" << nullAddress << "";
+    QTest::newRow("abort") << "" << QStringList{"abort"} << 0 << SIGABRT << "crash" << "address: none" << "";
+    QTest::newRow("fpe") << "" << QStringList{"fpe"} << 0 << SIGFPE << "crash" << "" << "";
     // Only the alternate stack leaves the handler room to run.
-    QTest::newRow("stack overflow") << "stack" << SIGSEGV;
-    QTest::newRow("no dump folder") << "segv" << 0;
+    QTest::newRow("stack overflow") << "" << QStringList{"stack"} << 0 << SIGSEGV << "recurse" << "" << "";
+    QTest::newRow("call through a null pointer") << "" << QStringList{"nullcall"} << 0 << SIGSEGV << "crash" << "frame 0: 0x0000000000000000" << "";
+    QTest::newRow("non-canonical address") << "" << QStringList{"wild"} << 0 << SIGSEGV << "crash" << "address: none" << "";
+    QTest::newRow("int3 does not trap again") << "" << QStringList{"trap"} << 0 << SIGTRAP << "crash" << "" << "";
+    QTest::newRow("main thread gone") << "" << QStringList{"thread"} << 0 << SIGSEGV << "worker" << nullAddress << "";
+    QTest::newRow("unwinder aborts") << "" << QStringList{"unwind"} << 0 << SIGSEGV << "broken_unwind" << nullAddress << "";
+    // The client's own handler runs after the report is on its way, and meanwhile lets a second
+    // thread divide by zero.
+    QTest::newRow("own handler, second thread") << "" << QStringList{"race", "--own-handler"} << 0 << SIGSEGV << "crash"
+                                                << nullAddress << "its own handler got the crash";
+    QTest::newRow("dump names taken") << "" << QStringList{"segv"} << int(NamesTaken) << SIGSEGV << "crash" << "" << "";
+    QTest::newRow("ignored signals, descriptor, no close_range") << "" << QStringList{"segv"} << int(Hostile) << SIGSEGV
+                                                                 << "crash" << "" << "";
+    QTest::newRow("non-PIE") << "nopie" << QStringList{"segv"} << 0 << SIGSEGV << "crash" << nullAddress << "";
+    QTest::newRow("clang and lld") << "lld" << QStringList{"segv"} << 0 << SIGSEGV << "crash" << nullAddress << "";
+
+    // The install refuses, and the client crashes without a report.
+    QTest::newRow("failed install keeps the client's handler and stack") << "" << QStringList{"stack", "--own-handler"}
+        << int(NoTrapAction) << SIGSEGV << "" << "" << "its own handler got the crash";
+    QTest::newRow("no dump folder") << "" << QStringList{"segv", "--dump-folder", "/nonexistent"} << 0 << SIGSEGV << "" << ""
+                                    << "No such file or directory";
+    QTest::newRow("no dump name fits") << "" << QStringList{"segv", "--dump-folder", "DEEP"} << 0 << SIGSEGV << "" << ""
+                                       << "File name too long";
+    QTest::newRow("empty log path") << "" << QStringList{"segv", "--log", ""} << 0 << SIGSEGV << "" << "" << "Invalid argument";
+    QTest::newRow("version of 256 bytes") << "" << QStringList{"segv", "--client-version", QString(256, 'v')} << 0 << SIGSEGV
+                                          << "" << "" << "Invalid argument";
+    QTest::newRow("no sender") << "" << QStringList{"segv", "--sender", "/nonexistent"} << 0 << SIGSEGV << "" << ""
+                               << "Permission denied";
 }
 
 void tst_Startup::crash()
 {
-    QFETCH(QString, kind);
+    QFETCH(QString, build);
+    QFETCH(QStringList, args);
+    QFETCH(int, setting);
     QFETCH(int, signal);
+    QFETCH(QString, function);
+    QFETCH(QString, line);
+    QFETCH(QString, said);
     const QString signalName = QStringLiteral("SIG") + QString::fromLatin1(sigabbrev_np(signal));
 
     QTemporaryDir tmp;
     const QString folder = tmp.filePath("dumps");
-    QVERIFY(!signal || QDir().mkdir(folder));
+    QVERIFY(QDir().mkdir(folder));
+    // A folder whose path fits, but no dump name after it.
+    const QString deep = tmp.path() + QString("/%1").arg(QString(200, 'd')).repeated(20).left(4050 - tmp.path().size());
+    QVERIFY(!args.contains("DEEP") || QDir().mkpath(deep));
     const QString log = tmp.filePath("client.log");
-    QProcess client;
-    client.start(DEMOCLIENT_EXE, {"--crash=" + kind, "--dump-folder", folder, "--log", log, "--sender", STUB_SENDER});
-    QVERIFY(client.waitForStarted());
-    const qint64 pid = client.processId();
-    QVERIFY(client.waitForFinished(-1));
-    if (!signal) {
-        // The demo client says that the install refused with an exit code of its own.
-        QCOMPARE(client.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(client.exitCode(), 3);
-        return;
+    const QString exe = build.isEmpty() ? DEMOCLIENT_EXE : DEMOCLIENT_BUILT_AS + build;
+    QStringList command = QStringList{exe, "--crash=" + args.takeFirst(), "--dump-folder", folder, "--log", log, "--sender", STUB_SENDER}
+                        + args.replaceInStrings("DEEP", deep);
+    const QString trace = tmp.filePath("trace");
+    if (setting & Traced)
+        command = QStringList{"strace", "-o", trace, "-e", "trace=none", "--"} + command;
+    Client client;
+    client.setting = setting;
+    client.folder = folder.toLocal8Bit();
+    client.leaked = tmp.filePath("leaked").toLocal8Bit();
+    client.start(command.takeFirst(), command);
+    // A hang fails this row alone.
+    if (!client.waitForFinished(10000)) {
+        client.kill();
+        client.waitForFinished();
+        QFAIL("the client hangs");
     }
     QCOMPARE(client.exitStatus(), QProcess::CrashExit);
     QCOMPARE(client.exitCode(), signal);
+    const QByteArray stderrText = client.readAllStandardError();
+    QVERIFY2(stderrText.contains(said.toUtf8()), stderrText.constData());
 
-    const QStringList dumps = QDir(folder).entryList({"*.dmp"}, QDir::Files);
-    QCOMPARE(dumps.size(), 1);
-    QVERIFY2(QRegularExpression(QString("^crash-%1-\\d+\\.dmp$").arg(pid)).match(dumps[0]).hasMatch(),
-             qPrintable(dumps[0]));
-    const auto read = [folder](const QString &name) {
-        QFile file(QDir(folder).filePath(name));
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+    const auto read = [](const QString &path) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     };
-    const QStringList lines = read(dumps[0]);
-    QCOMPARE(lines.value(0), QStringLiteral("VELMORA-CRASH 1"));
-    QVERIFY(lines.contains(QString("signal: %1 %2").arg(signal).arg(signalName)));
+    QStringList dumps;
+    for (const QString &name : QDir(folder).entryList({"*.dmp"}, QDir::Files)) {
+        const QString text = read(QDir(folder).filePath(name));
+        // Taken names stay as they were.
+        QVERIFY2(text.startsWith("VELMORA-CRASH 2\n") || text == "planted\n", qPrintable(name));
+        if (text != "planted\n")
+            dumps << name;
+    }
+    if (function.isEmpty()) {
+        QCOMPARE(dumps, QStringList());
+        QCOMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files), QStringList());
+        return;
+    }
+    QCOMPARE(dumps.size(), 1);
+    const QString dumpPath = QDir(folder).filePath(dumps[0]);
+    const QString dump = read(dumpPath);
+    const QString pid = QRegularExpression("\npid: (\\d+)\n").match(dump).captured(1);
+    QVERIFY2(QRegularExpression(QString("^crash-%1-\\d+(-[0-9a-f]{16})?\\.dmp$").arg(pid)).match(dumps[0]).hasMatch(),
+             qPrintable(dumps[0]));
+    QVERIFY(dump.contains(QString("\nsignal: %1 %2\n").arg(signal).arg(signalName)));
+    QVERIFY2(line.isEmpty() || dump.contains("\n" + line + "\n"), qPrintable(line));
+    // Build IDs of the client and of libc; the symbolizing script checks them against the files.
+    const auto modules = QRegularExpression("^module: 0x[0-9a-f]{16} [0-9a-f]+ (/.*/velmora-democlient.*|/.*/libc\\.so\\.6)$",
+                                            QRegularExpression::MultilineOption).globalMatch(dump);
+    QStringList named;
+    for (auto match = modules; match.hasNext();)
+        named << match.next().captured(1);
+    QCOMPARE(named.size(), 2);
+
+    QProcess symbolize;
+    symbolize.start(SYMBOLIZE, {dumpPath});
+    QVERIFY(symbolize.waitForFinished());
+    QCOMPARE(symbolize.readAllStandardError(), QByteArray());
+    const QString frames = symbolize.readAllStandardOutput();
+    QVERIFY2(frames.contains(QRegularExpression("\\b" + function + " at ")), qPrintable(frames));
+
+    if (setting & Traced) {
+        // The last delivery, the one the process dies of, still carries the fault's siginfo.
+        const QStringList deliveries = read(trace).split('\n').filter(QRegularExpression("^--- SIG"));
+        QVERIFY2(deliveries.size() >= 2 && deliveries.last() == deliveries.first(), qPrintable(deliveries.join('\n')));
+    }
 
     QTRY_COMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files).size(), 1);
     const QString record = QDir(folder).entryList({"sender-*.txt"}, QDir::Files).at(0);
-    QStringList got = read(record);
+    QStringList got = read(QDir(folder).filePath(record)).split('\n', Qt::SkipEmptyParts);
     const QStringList ids = got.takeLast().split(' ');
-    QCOMPARE(got, QStringList({"3.0.0", QFileInfo(folder).canonicalFilePath(), log, dumps[0], signalName}));
+    QCOMPARE(got.takeLast(), QStringLiteral("SigIgn:\t0000000000000000"));
+    QCOMPARE(got.mid(0, 8), QStringList({"3.0.0", QFileInfo(folder).canonicalFilePath(), log, dumps[0], signalName,
+                                         "/dev/null", "/dev/null", "/dev/null"}));
+    QVERIFY2(!got.contains(client.leaked), qPrintable(got.join(' ')));
     // A session of its own, which it leads: neither the client's end nor a signal to the
     // test's session reaches it.
     QCOMPARE(ids.value(1), record.mid(7).chopped(4));

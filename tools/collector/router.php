@@ -10,8 +10,8 @@ const FILE_FIELD = 'dumpfile';
 const DEFAULT_MAX_BYTES = 64 * 1024 * 1024;
 // Room for the plain fields and the part headers beside the archive itself.
 const FORM_OVERHEAD = 64 * 1024;
-// First line of a dump written by the client's crash handler (crashhandler/).
-const CRASH_MAGIC = "VELMORA-CRASH 1\n";
+// First line of a dump written by the client's crash handler (crashhandler/), either version.
+const CRASH_MAGICS = ["VELMORA-CRASH 1\n", "VELMORA-CRASH 2\n"];
 const CRASH_READ_BYTES = 4 * 1024 * 1024;
 const RECEIPT_FRAMES = 8;
 
@@ -233,7 +233,7 @@ function acceptUpload(): void
     $crash = null;
     for ($i = 0; $i < $zip->numFiles; ++$i) {
         $entries[] = $zip->getNameIndex($i);
-        if ($crash === null && $zip->getFromIndex($i, strlen(CRASH_MAGIC)) === CRASH_MAGIC)
+        if ($crash === null && in_array($zip->getFromIndex($i, strlen(CRASH_MAGICS[0])), CRASH_MAGICS, true))
             $crash = readCrashDump($entries[$i], (string) $zip->getFromIndex($i, CRASH_READ_BYTES));
     }
     $zip->close();

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Prints each frame of a crash dump (format 1 or 2) with its function, file and line:
+#
+#   scripts/symbolize.sh DUMP
+#
+# eu-addr2line (elfutils) reads the dump's memory map and takes the run-time addresses as they
+# are, so one recipe holds for PIE and non-PIE programs, shared libraries and any linker. It
+# needs the very builds that crashed at the paths the map names, or their debug files from
+# debuginfod (DEBUGINFOD_URLS). A file there whose build ID differs from the one the dump
+# recorded is named on stderr: its frames would name the wrong functions.
+set -euo pipefail
+dump=$1
+case $(head -n 1 -- "$dump") in
+"VELMORA-CRASH 1" | "VELMORA-CRASH 2") ;;
+*) echo "symbolize: $dump is no crash dump" >&2; exit 2 ;;
+esac
+maps=$(mktemp)
+trap 'rm -f "$maps"' EXIT
+sed '1,/^maps:$/d' -- "$dump" >"$maps"
+
+while read -r _ _ id path; do
+    [ "$id" != none ] && [ -f "$path" ] || continue
+    found=$(eu-readelf -n -- "$path" 2>/dev/null | awk '$1 == "Build" && $2 == "ID:" { print $3; exit }')
+    [ "$found" = "$id" ] || echo "symbolize: $path is another build (ID ${found:-none}; the dump has $id)" >&2
+done < <(grep '^module: ' -- "$dump" || true)
+
+# Frame 0 is the faulting instruction; the others are return addresses, looked up inside
+# their call instruction (address - 1): the one after it may belong to another line or function.
+frames=()
+lookups=()
+while read -r _ number address; do
+    frames+=("$address")
+    [ "$number" = 0: ] && lookups+=("$address") || lookups+=("$(printf '0x%x' $((address - 1)))")
+done < <(grep '^frame [0-9]*: 0x[0-9a-f]*$' -- "$dump" || true)
+[ ${#frames[@]} -gt 0 ] || exit 0
+eu-addr2line -M "$maps" -f -i -C --pretty-print "${lookups[@]}" |
+    awk -v frames="${frames[*]}" 'BEGIN { split(frames, address, " ") }
+        /^ / { print; next }
+        { printf "#%-2d %s %s\n", n, address[n + 1], $0; n++ }'
