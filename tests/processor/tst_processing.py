@@ -133,21 +133,24 @@ class Processing(unittest.TestCase):
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix='tst_processing.')
         os.chmod(cls.tmp, 0o755)
-        # The client as a vendor ships it: stripped, its debug file kept apart by build ID.
-        client = os.path.join(cls.tmp, 'bin/velmora-democlient')
-        os.makedirs(os.path.dirname(client))
-        run('strip', '-o', client, DEMOCLIENT).check_returncode()
+        # The client as a vendor ships it: stripped, its debug file kept apart by build ID. Built
+        # without PIE, and with clang and lld, it crashes once more.
+        clients = [DEMOCLIENT] + [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld')]
         cls.symbols = os.path.join(cls.tmp, 'symbols')
-        run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, DEMOCLIENT).check_returncode()
-        cls.build_id = os.path.basename(glob.glob(cls.symbols + '/.build-id/*/*.debug')[0])[:-6]
-        cls.build_id = os.path.basename(os.path.dirname(glob.glob(cls.symbols + '/.build-id/*/*.debug')[0])) + cls.build_id
-        cls.dumps = {}
-        for mode in CRASHES:
-            folder = os.path.join(cls.tmp, 'crash-' + mode)
-            os.mkdir(folder)
-            run(client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log', '--sender', STUB_SENDER)
-            with open(glob.glob(folder + '/crash-*.dmp')[0]) as f:
-                cls.dumps[mode] = f.read()
+        filed = run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, *clients)
+        filed.check_returncode()
+        cls.build_ids = {os.path.basename(line.split()[1]): line.split()[0] for line in filed.stdout.splitlines()}
+        cls.build_id = cls.build_ids['velmora-democlient']
+        os.mkdir(os.path.join(cls.tmp, 'bin'))
+        cls.dumps, cls.variant_dumps = {}, {}
+        for source in clients:
+            client = os.path.join(cls.tmp, 'bin', os.path.basename(source))
+            run('strip', '-o', client, source).check_returncode()
+            for mode in CRASHES if source == DEMOCLIENT else ['segv']:
+                folder = tempfile.mkdtemp(dir=cls.tmp)
+                run(client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log', '--sender', STUB_SENDER)
+                with open(glob.glob(folder + '/crash-*.dmp')[0]) as f:
+                    (cls.dumps if source == DEMOCLIENT else cls.variant_dumps)[mode if source == DEMOCLIENT else client] = f.read()
         cls.libc_symbols = ['--symbols', '/usr/lib/debug']
 
     @classmethod
@@ -157,30 +160,35 @@ class Processing(unittest.TestCase):
     def service(self, url=None):
         return Service(tempfile.mkdtemp(dir=self.tmp), url)
 
-    def check_crash(self, mode, result):
+    def check_crash(self, mode, result, client='velmora-democlient'):
         signature, signal_name, function, text = CRASHES[mode]
         frames = result['frames']
         self.assertEqual((result['state'], result['signature'], result['signal']), ('done', signature, signal_name))
         if text:
+            # clang's line table puts the faulting store on line 0, as eu-addr2line also says.
             self.assertIn({'function': function, 'file': os.path.join(ROOT, 'crashhandler/democlient.c'),
-                           'line': source_line(function, text)},
+                           'line': None if client.endswith('-lld') else source_line(function, text)},
                           [{k: f[k] for k in ('function', 'file', 'line')} for f in frames])
         self.assertFalse(HANDLER_FUNCTIONS & {f['function'] for f in frames})
         if mode not in ('stack', 'unwind'):  # 64 frames of recursion; an unwinder stopped at once
             libc = [f['function'] for f in frames if f['module'] == 'libc.so.6']
             self.assertTrue(libc and all(libc), libc)
-        self.assertEqual({f['build_id'] for f in frames if f['module'] == 'velmora-democlient'}, {self.build_id})
+        self.assertEqual({f['build_id'] for f in frames if f['module'] == client}, {self.build_ids[client]})
 
     def test_crashes(self):
         service = self.service()
         reports = {mode: service.add(dump) for mode, dump in self.dumps.items()}
+        variants = {client: service.add(dump) for client, dump in self.variant_dumps.items()}
         service.drain('--symbols', self.symbols, *self.libc_symbols)
+        for client, report in variants.items():
+            with self.subTest(client=os.path.basename(client)):
+                self.check_crash('segv', service.show(report), os.path.basename(client))
         for mode, report in reports.items():
             with self.subTest(mode=mode):
                 result = service.show(report)
                 self.check_crash(mode, result)
                 self.assertEqual(service.counts()[(result['signature'], DAY)],
-                                 [c[0] for c in CRASHES.values()].count(result['signature']))
+                                 [c[0] for c in CRASHES.values()].count(result['signature']) + 2 * (result['signature'] == 'crash'))
 
     def test_debuginfod(self):
         served = os.path.join(self.tmp, 'served')
