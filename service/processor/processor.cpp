@@ -36,13 +36,15 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
     const StoredReport stored = m_store.read(claim.id);
     if (stored.status == StoredReport::Missing && again) {
         // The archive aged out of the store: the frames found then are grouped anew.
-        const std::optional<QJsonArray> frames = m_database.storedFrames(claim.id);
-        if (!frames)
+        const std::optional<Result> before = m_database.storedResult(claim.id);
+        if (!before)
             return failed(claim, stored.error);
         qInfo("%s: archive gone, regrouped from its stored frames", qUtf8Printable(claim.id));
-        result.frames = *frames;
-        result.signature = result.frames.isEmpty() ? SignatureRules::NoFramesSignature
-                                                   : m_rules.signature(framesFromJson(*frames));
+        result = *before;
+        result.ruleVersion = m_rules.version();
+        // Without frames (no dump, or none in it) there is nothing to group anew.
+        if (!result.frames.isEmpty())
+            result.signature = m_rules.signature(framesFromJson(result.frames));
     } else if (stored.status != StoredReport::Read) {
         return failed(claim, stored.error);
     } else if (!stored.hasDump) {

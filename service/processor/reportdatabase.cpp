@@ -124,7 +124,7 @@ std::optional<Claim> ReportDatabase::claimNext(int leaseSeconds)
     QSqlDatabase db = QSqlDatabase::database(m_connection, false);
     QSqlQuery expire(db);
     expire.prepare(QStringLiteral("UPDATE reports SET state = 'failed', lease_until = NULL, failure = ? "
-                                  "WHERE state = 'processing' AND lease_until < ? AND attempts >= ?"));
+                                  "WHERE state = 'processing' AND lease_until < ? AND attempts >= ? RETURNING id, received_at, version"));
     expire.addBindValue(QStringLiteral("its processing was cut short %1 times (a processor crashed or was killed)").arg(MaxAttempts));
     expire.addBindValue(at);
     expire.addBindValue(MaxAttempts);
@@ -138,7 +138,22 @@ std::optional<Claim> ReportDatabase::claimNext(int leaseSeconds)
     claim.addBindValue(at + leaseSeconds);
     claim.addBindValue(at);
     claim.addBindValue(MaxAttempts);
-    if (!run(expire) || !run(claim)) {
+    if (!run(expire)) {
+        rollback();
+        return std::nullopt;
+    }
+    // One reprocessed before keeps no result and no count from then.
+    QVector<Claim> expired;
+    while (expire.next())
+        expired << Claim{ expire.value(0).toString(), expire.value(1).toLongLong(), expire.value(2).toString(), 0 };
+    expire.finish();
+    for (const Claim &report : qAsConst(expired)) {
+        if (!forget(report)) {
+            rollback();
+            return std::nullopt;
+        }
+    }
+    if (!run(claim)) {
         rollback();
         return std::nullopt;
     }
@@ -218,10 +233,7 @@ bool ReportDatabase::fail(const Claim &claim, const QString &reason)
 {
     if (!begin())
         return false;
-    QSqlQuery processed(QSqlDatabase::database(m_connection, false));
-    processed.prepare(QStringLiteral("DELETE FROM processed WHERE report_id = ?"));
-    processed.addBindValue(claim.id);
-    if (!endClaim(claim, QStringLiteral("failed"), reason) || !uncount(claim) || !run(processed)) {
+    if (!endClaim(claim, QStringLiteral("failed"), reason) || !forget(claim)) {
         rollback();
         return false;
     }
@@ -240,14 +252,15 @@ bool ReportDatabase::release(const Claim &claim)
     return run(query) && query.numRowsAffected() == 1;
 }
 
-std::optional<QJsonArray> ReportDatabase::storedFrames(const QString &id)
+std::optional<Result> ReportDatabase::storedResult(const QString &id)
 {
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    query.prepare(QStringLiteral("SELECT frames FROM processed WHERE report_id = ?"));
+    query.prepare(QStringLiteral("SELECT signature, rule_version, signal, address, frames FROM processed WHERE report_id = ?"));
     query.addBindValue(id);
     if (!run(query) || !query.next())
         return std::nullopt;
-    return QJsonDocument::fromJson(query.value(0).toString().toUtf8()).array();
+    return Result{ query.value(0).toString(), query.value(1).toInt(), query.value(2).toString(), query.value(3).toString(),
+                   QJsonDocument::fromJson(query.value(4).toString().toUtf8()).array() };
 }
 
 std::optional<QJsonObject> ReportDatabase::report(const QString &id)
@@ -327,6 +340,15 @@ bool ReportDatabase::endClaim(const Claim &claim, const QString &state, const QS
         return false;
     }
     return true;
+}
+
+// A failed report has no result and no count.
+bool ReportDatabase::forget(const Claim &claim)
+{
+    QSqlQuery processed(QSqlDatabase::database(m_connection, false));
+    processed.prepare(QStringLiteral("DELETE FROM processed WHERE report_id = ?"));
+    processed.addBindValue(claim.id);
+    return uncount(claim) && run(processed);
 }
 
 // Takes a report's count from the signature it was grouped under before, if any.

@@ -55,7 +55,8 @@ public:
     bool fail(const Claim &claim, const QString &reason);
     bool release(const Claim &claim);
 
-    std::optional<QJsonArray> storedFrames(const QString &id);
+    // The result written when the report was last done: what regrouping starts from.
+    std::optional<Result> storedResult(const QString &id);
     std::optional<QJsonObject> report(const QString &id);
 
 private:
@@ -65,6 +66,7 @@ private:
     bool execute(const QString &sql);
     bool run(QSqlQuery &query);
     bool endClaim(const Claim &claim, const QString &state, const QString &failure);
+    bool forget(const Claim &claim);
     bool uncount(const Claim &claim);
 
     QString m_worker;

@@ -295,7 +295,8 @@ class Processing(unittest.TestCase):
                                                  '--symbols', self.symbols, *self.libc_symbols)
                 run(*command, env=env).check_returncode()
                 result = service.show(report)
-                self.assertEqual((result['signature'], result['rule_version']), (signature, 1 if signature == 'crash' else 2))
+                self.assertEqual((result['signature'], result['rule_version'], result['signal']),
+                                 (signature, 1 if signature == 'crash' else 2, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
 
     def test_postgresql_workers_share(self):
