@@ -215,15 +215,22 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
     QVector<Location> locations;
     QString file;
     int line = 0;
-    if (Dwfl_Line *source = dwfl_module_getsrc(m->module, address)) {
+    Dwarf_Addr bias = 0;
+    Dwarf_Die *cu = dwfl_module_addrdie(m->module, address, &bias);
+    // clang writes no .debug_aranges unless asked to (-gdwarf-aranges): then the units' own
+    // address ranges tell which one holds the address.
+    for (Dwarf_Die *unit = nullptr; !cu && (unit = dwfl_module_nextcu(m->module, unit, &bias)) != nullptr;) {
+        if (dwarf_haspc(unit, address - bias) > 0)
+            cu = unit;
+    }
+    if (Dwarf_Line *source = cu ? dwarf_getsrc_die(cu, address - bias) : nullptr) {
         int lineNumber = 0;
-        if (const char *name = dwfl_lineinfo(source, nullptr, &lineNumber, nullptr, nullptr, nullptr)) {
+        const char *name = dwarf_linesrc(source, nullptr, nullptr);
+        if (name && dwarf_lineno(source, &lineNumber) == 0) {
             file = QString::fromUtf8(name);
             line = lineNumber;
         }
     }
-    Dwarf_Addr bias = 0;
-    Dwarf_Die *cu = dwfl_module_addrdie(m->module, address, &bias);
     Dwarf_Die *scopes = nullptr;
     const int count = cu ? dwarf_getscopes(cu, address - bias, &scopes) : 0;
     if (count > 0) {
