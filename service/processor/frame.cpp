@@ -8,6 +8,11 @@ static QString hex(quint64 value, int width = 0)
     return QStringLiteral("0x%1").arg(value, width, 16, QLatin1Char('0'));
 }
 
+static quint64 fromHex(const QJsonValue &value)
+{
+    return value.toString().mid(2).toULongLong(nullptr, 16);
+}
+
 static QJsonValue textOrNull(const QString &text)
 {
     return text.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(text);
@@ -39,10 +44,10 @@ QVector<Frame> framesFromJson(const QJsonArray &array)
         const QJsonObject o = value.toObject();
         Frame f;
         f.index = o.value(QStringLiteral("frame")).toInt();
-        f.address = o.value(QStringLiteral("address")).toString().toULongLong(nullptr, 16);
+        f.address = fromHex(o.value(QStringLiteral("address")));
         f.hasModule = o.value(QStringLiteral("module")).isString();
         f.module = o.value(QStringLiteral("module")).toString();
-        f.offset = o.value(QStringLiteral("offset")).toString().toULongLong(nullptr, 16);
+        f.offset = fromHex(o.value(QStringLiteral("offset")));
         f.buildId = o.value(QStringLiteral("build_id")).toString().toLatin1();
         f.function = o.value(QStringLiteral("function")).toString();
         f.file = o.value(QStringLiteral("file")).toString();

@@ -182,6 +182,7 @@ std::optional<Claim> ReportDatabase::claimAgain(const QString &id, int leaseSeco
 
 QVector<QPair<qint64, QString>> ReportDatabase::finishedSince(qint64 since, qint64 afterTime, const QString &afterId, int limit)
 {
+    m_error.clear();
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     query.prepare(QStringLiteral("SELECT received_at, id FROM reports WHERE state IN ('done', 'failed') AND received_at >= ? "
                                  "AND (received_at > ? OR (received_at = ? AND id > ?)) ORDER BY received_at, id LIMIT ?"));
@@ -254,6 +255,7 @@ bool ReportDatabase::release(const Claim &claim)
 
 std::optional<Result> ReportDatabase::storedResult(const QString &id)
 {
+    m_error.clear();
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     query.prepare(QStringLiteral("SELECT signature, rule_version, signal, address, frames FROM processed WHERE report_id = ?"));
     query.addBindValue(id);
@@ -265,6 +267,7 @@ std::optional<Result> ReportDatabase::storedResult(const QString &id)
 
 std::optional<QJsonObject> ReportDatabase::report(const QString &id)
 {
+    m_error.clear();
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     query.prepare(QStringLiteral(
             "SELECT r.id, r.received_at, r.version, r.description, r.state, r.attempts, r.failure, "
