@@ -32,7 +32,7 @@ static void installStopHandler()
     sigaction(SIGINT, &action, nullptr);
 }
 
-static void pause(int seconds)
+static void idle(int seconds)
 {
     for (int left = seconds * 10; left > 0 && !stopRequested; --left)
         poll(nullptr, 0, 100);
@@ -71,14 +71,14 @@ static int work(Processor &processor, ReportDatabase &database, bool drain, int 
                 qInfo("%d reports done, %d failed", done, failed);
                 return 0;
             }
-            pause(pollSeconds);
+            idle(pollSeconds);
             break;
         case Processor::DatabaseError:
             if (drain)
                 return failure(database.lastError());
             // The database may be restarting: try again with a fresh connection.
             qWarning("Database: %s", qUtf8Printable(database.lastError()));
-            pause(pollSeconds);
+            idle(pollSeconds);
             database.reopen();
             break;
         }
