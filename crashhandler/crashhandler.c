@@ -22,6 +22,9 @@
 #include <unistd.h>
 
 /* Everything below is static: the handler may not allocate, and the heap may be what broke. */
+/* Besides the calls signal-safety(7) lists, the handler makes bare system calls (gettid, getrandom,
+   getrlimit, close_range, process_vm_readv, rt_tgsigqueueinfo): they keep no state in user space
+   that a crash could have left locked or half-written. */
 
 static const int crash_signals[] = { SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP };
 enum { SIGNAL_COUNT = sizeof crash_signals / sizeof crash_signals[0] };
