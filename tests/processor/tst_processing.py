@@ -309,6 +309,7 @@ class Processing(unittest.TestCase):
                                  (signature, 1 if since != DAY else 2, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
 
+    @unittest.skipUnless(os.geteuid() == 0, 'starts PostgreSQL as the postgres user, which needs root')
     def test_postgresql_workers_share(self):
         folder = tempfile.mkdtemp(dir=self.tmp)
         shutil.chown(folder, 'postgres')
