@@ -316,9 +316,10 @@ class Processing(unittest.TestCase):
         port = str(free_port())
         as_postgres = ['runuser', '-u', 'postgres', '--', '/usr/lib/postgresql/15/bin/']
         run(*as_postgres[:-1], as_postgres[-1] + 'initdb', '-D', folder + '/data').check_returncode()
-        run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-l', folder + '/log', '-w', '-o',
-            "-k %s -p %s -c listen_addresses=''" % (folder, port), 'start').check_returncode()
         try:
+            # Inside the try: a start that times out may still leave a server running.
+            run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-l', folder + '/log', '-w', '-o',
+                "-k %s -p %s -c listen_addresses=''" % (folder, port), 'start').check_returncode()
             run('runuser', '-u', 'postgres', '--', 'createdb', '-h', folder, '-p', port, 'reports').check_returncode()
             service = self.service('postgresql://postgres@/reports?host=%s&port=%s' % (folder, port))
             reports = [service.add(self.dumps['segv']) for _ in range(20)]
