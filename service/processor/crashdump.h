@@ -1,0 +1,57 @@
+#ifndef CRASHDUMP_H
+#define CRASHDUMP_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+// A module of the crashed process as its dump names it. The path is only ever shown, never
+// opened: debug files are found by build ID alone.
+struct DumpModule
+{
+    quint64 loadAddress = 0;  // where its ELF header was mapped
+    QByteArray buildId;       // lowercase hex, empty when the dump has none
+    QString path;
+
+    QString name() const;
+};
+
+struct DumpMapping
+{
+    quint64 start = 0;
+    quint64 end = 0;
+    quint64 offset = 0;
+    QString path;
+};
+
+// A crash handler's text dump, format version 1 or 2, read from untrusted bytes: every count
+// and length is capped, and what does not parse is left out with a note.
+struct CrashDump
+{
+    static constexpr int MaxBytes = 16 * 1024 * 1024;
+    static constexpr int MaxLineBytes = 8192;
+    static constexpr int MaxFrames = 256;
+    static constexpr int MaxModules = 1024;
+    static constexpr int MaxMappings = 65536;
+
+    static CrashDump parse(const QByteArray &bytes);
+
+    // Empty for a dump that could be read; otherwise why it could not.
+    QString error;
+    int formatVersion = 0;
+    QString clientVersion;
+    QString signal;    // SIGSEGV, …; empty when the dump names none
+    QString address;   // 0x + 16 hex digits, or none; empty when missing
+    QVector<quint64> frames;
+    QVector<DumpModule> modules;
+    QVector<DumpMapping> maps;  // sorted by start
+    QStringList notes;          // what was left out, for the log
+
+    // The module that holds the address: from the module lines where the dump has them,
+    // otherwise from the maps alone (then without a build ID). False for an address that
+    // lies in no mapping of a file.
+    bool moduleAt(quint64 address, DumpModule *module) const;
+};
+
+#endif

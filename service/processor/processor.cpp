@@ -1,0 +1,86 @@
+#include "processor.h"
+
+#include "crashdump.h"
+#include "reportdatabase.h"
+#include "reportstore.h"
+#include "signaturerules.h"
+#include "symbolizer.h"
+
+Processor::Processor(ReportDatabase &database, const ReportStore &store, Symbolizer &symbolizer,
+                     const SignatureRules &rules, const volatile std::sig_atomic_t *stop)
+    : m_database(database), m_store(store), m_symbolizer(symbolizer), m_rules(rules), m_stop(stop)
+{
+}
+
+Processor::Outcome Processor::processNext()
+{
+    const std::optional<Claim> claim = m_database.claimNext(m_leaseSeconds);
+    if (!claim)
+        return m_database.lastError().isEmpty() ? Idle : DatabaseError;
+    return process(*claim, false);
+}
+
+Processor::Outcome Processor::processAgain(const QString &id)
+{
+    const std::optional<Claim> claim = m_database.claimAgain(id, m_leaseSeconds);
+    // Taken meanwhile by another processor, or no longer finished: not this run's to do.
+    if (!claim)
+        return m_database.lastError().isEmpty() ? Idle : DatabaseError;
+    return process(*claim, true);
+}
+
+Processor::Outcome Processor::process(const Claim &claim, bool again)
+{
+    Result result;
+    result.ruleVersion = m_rules.version();
+    const StoredReport stored = m_store.read(claim.id);
+    if (stored.status == StoredReport::Missing && again) {
+        // The archive aged out of the store: the frames found then are grouped anew.
+        const std::optional<Result> before = m_database.storedResult(claim.id);
+        if (!before)
+            return failed(claim, stored.error);
+        qInfo("%s: archive gone, regrouped from its stored frames", qUtf8Printable(claim.id));
+        result = *before;
+        result.ruleVersion = m_rules.version();
+        // Without frames (no dump, or none in it) there is nothing to group anew.
+        if (!result.frames.isEmpty())
+            result.signature = m_rules.signature(framesFromJson(result.frames));
+    } else if (stored.status != StoredReport::Read) {
+        return failed(claim, stored.error);
+    } else if (!stored.hasDump) {
+        result.signature = SignatureRules::NoDumpSignature;
+    } else {
+        const CrashDump dump = CrashDump::parse(stored.dump);
+        if (!dump.error.isEmpty())
+            return failed(claim, dump.error);
+        for (const QString &note : dump.notes)
+            qInfo("%s: %s", qUtf8Printable(claim.id), qUtf8Printable(note));
+        const QVector<Frame> frames = m_symbolizer.symbolize(dump);
+        // Stopped during a download: the frames may lack what it would have brought.
+        if (*m_stop) {
+            m_database.release(claim);
+            qInfo("%s: given back unfinished", qUtf8Printable(claim.id));
+            return Released;
+        }
+        result.signature = m_rules.signature(frames);
+        result.signal = dump.signal;
+        result.address = dump.address;
+        result.frames = framesToJson(frames);
+    }
+    if (!m_database.finish(claim, result)) {
+        qWarning("%s: not finished: %s", qUtf8Printable(claim.id), qUtf8Printable(m_database.lastError()));
+        return Lost;
+    }
+    qInfo("%s: done, %s", qUtf8Printable(claim.id), qUtf8Printable(result.signature));
+    return Done;
+}
+
+Processor::Outcome Processor::failed(const Claim &claim, const QString &reason)
+{
+    if (!m_database.fail(claim, reason)) {
+        qWarning("%s: not finished: %s", qUtf8Printable(claim.id), qUtf8Printable(m_database.lastError()));
+        return Lost;
+    }
+    qInfo("%s: failed, %s", qUtf8Printable(claim.id), qUtf8Printable(reason));
+    return Failed;
+}

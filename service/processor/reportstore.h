@@ -1,0 +1,35 @@
+#ifndef REPORTSTORE_H
+#define REPORTSTORE_H
+
+#include <QByteArray>
+#include <QString>
+
+// What the processor takes from a stored archive: the crash dump, if it holds one.
+struct StoredReport
+{
+    enum Status { Read, Missing, Unreadable };
+
+    Status status = Missing;
+    QString error;  // for Missing and Unreadable
+    bool hasDump = false;
+    QByteArray dump;
+};
+
+// The raw archives, DATA/raw/YYYYMMDD/<id>.zip, each opened by its report id alone. Entries
+// are read into memory under caps, never written out under their own names.
+class ReportStore
+{
+public:
+    static constexpr int MaxEntries = 16;
+
+    explicit ReportStore(const QString &root);
+
+    static bool isReportId(const QString &id);
+    QString path(const QString &id) const;
+    StoredReport read(const QString &id) const;
+
+private:
+    QString m_root;
+};
+
+#endif

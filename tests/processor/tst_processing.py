@@ -1,0 +1,360 @@
+"""velmora-processor end to end: the demo client crashes for real (a stripped copy, its debug
+file filed in a symbols folder or served by debuginfod), its reports go into a store and a
+database made by migrate.php, the processor runs, and --show and the tables tell the result."""
+import glob
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+import zipfile
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+PROCESSOR = os.environ['PROCESSOR']
+DEMOCLIENT = os.environ['DEMOCLIENT']
+STUB_SENDER = os.path.join(ROOT, 'tests/data/stub_sender.sh')
+HANG_SECONDS = 60
+RECEIVED, DAY = 1795000000, '2026-11-18'
+HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler_install'}
+SQL_PHP = ('require $argv[1]; $q = connectDatabase($argv[2])->prepare($argv[3]); $q->execute(json_decode($argv[4]));'
+           'echo json_encode($q->fetchAll(PDO::FETCH_ASSOC));')
+# Each crash of the demo client: its signature, signal, and the function and statement of
+# democlient.c that it faults in (the assembler of "unwind" has no line).
+CRASHES = {
+    'segv': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
+    'abort': ('crash', 'SIGABRT', 'crash', 'abort();'),
+    'fpe': ('divide_by_zero', 'SIGFPE', 'divide_by_zero', 'zero = dividend / zero;'),
+    'stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;'),
+    'nullcall': ('@0x0 | crash', 'SIGSEGV', 'crash', 'null_function();'),
+    'wild': ('crash', 'SIGSEGV', 'crash', '*wild_pointer = 1;'),
+    'trap': ('crash', 'SIGTRAP', 'crash', 'int3'),
+    'thread': ('worker', 'SIGSEGV', 'worker', '*null_pointer = 1;'),
+    'race': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
+    'unwind': ('broken_unwind', 'SIGSEGV', 'broken_unwind', None),
+}
+
+
+def run(*args, **kwargs):
+    return subprocess.run(args, capture_output=True, text=True, timeout=HANG_SECONDS, **kwargs)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(('127.0.0.1', 0))
+        return s.getsockname()[1]
+
+
+def source_line(function, text):
+    with open(os.path.join(ROOT, 'crashhandler/democlient.c')) as f:
+        lines = f.read().split('\n')
+    start = next(n for n, line in enumerate(lines) if re.match(r'static .*\b%s\(' % function, line))
+    return next(n for n, line in enumerate(lines[start:], start + 1) if text in line)
+
+
+class Service:
+    """A database made by migrate.php and a store, as the upload endpoint leaves them."""
+    def __init__(self, folder, url=None):
+        self.store = os.path.join(folder, 'raw')
+        os.makedirs(self.store)
+        self.url = url or 'sqlite:' + os.path.join(folder, 'reports.sqlite')
+        run('php', os.path.join(ROOT, 'service/schema/migrate.php'), self.url).check_returncode()
+        self.count = 0
+
+    def sql(self, query, *params):
+        done = run('php', '-r', SQL_PHP, os.path.join(ROOT, 'service/web/lib/db.php'), self.url, query, json.dumps(params))
+        done.check_returncode()
+        return json.loads(done.stdout)
+
+    def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0'):
+        self.count += 1
+        report = time.strftime('%Y%m%d', time.gmtime(received_at)) + '-%016x' % self.count
+        path = os.path.join(self.store, report[:8], report + '.zip')
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        if archive is None:
+            with zipfile.ZipFile(path, 'w', zipfile.ZIP_DEFLATED) as z:
+                z.writestr('client.log', 'renderer: device lost\n')
+                if dump is not None:
+                    z.writestr('crash-1-2.dmp', dump)
+                z.writestr('info.ini', '[General]\nversion=%s\n' % version)
+        else:
+            with open(path, 'wb') as f:
+                f.write(archive)
+        self.sql("INSERT INTO reports (id, received_at, client_addr, fields, version, description, size, sha256) "
+                 "VALUES (?, ?, '127.0.0.1', '{}', ?, '', 0, '')", report, received_at, version)
+        return report
+
+    def processor(self, *args, env=None):
+        return [PROCESSOR, '--db', self.url, '--store', self.store, *args], dict(os.environ, **(env or {}))
+
+    def drain(self, *args, env=None):
+        command, environment = self.processor('--drain', *args, env=env)
+        done = run(*command, env=environment)
+        if done.returncode != 0:
+            raise AssertionError(done.stderr)
+        return done
+
+    def show(self, report):
+        return json.loads(run(PROCESSOR, '--db', self.url, '--show', report).stdout)
+
+    def counts(self):
+        return {(r['signature'], r['day']): int(r['count']) for r in self.sql('SELECT * FROM signature_days')}
+
+
+class HungServer:
+    """A debuginfod that takes the connection and never answers."""
+    def __enter__(self):
+        self.socket = socket.create_server(('127.0.0.1', 0))
+        self.url = 'http://127.0.0.1:%d' % self.socket.getsockname()[1]
+        self.held = []
+        threading.Thread(target=lambda: self.held.append(self.socket.accept()), daemon=True).start()
+        return self
+
+    def __exit__(self, *exc):
+        self.socket.close()
+
+    def env(self, folder):
+        return {'DEBUGINFOD_URLS': self.url, 'DEBUGINFOD_CACHE_PATH': tempfile.mkdtemp(dir=folder)}
+
+    def wait_for_request(self, test):
+        deadline = time.monotonic() + HANG_SECONDS
+        while not self.held:
+            test.assertLess(time.monotonic(), deadline, 'no debug file asked for')
+            time.sleep(0.05)
+
+
+class Processing(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.mkdtemp(prefix='tst_processing.')
+        os.chmod(cls.tmp, 0o755)
+        # The client as a vendor ships it: stripped, its debug file kept apart by build ID. Built
+        # without PIE, and with clang and lld, it crashes once more.
+        clients = [DEMOCLIENT] + [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld')]
+        cls.symbols = os.path.join(cls.tmp, 'symbols')
+        filed = run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, *clients)
+        filed.check_returncode()
+        cls.build_ids = {os.path.basename(line.split()[1]): line.split()[0] for line in filed.stdout.splitlines()}
+        cls.build_id = cls.build_ids['velmora-democlient']
+        cls.clang = {os.path.basename(c): 'clang' in run('readelf', '-p', '.comment', c).stdout for c in clients}
+        os.mkdir(os.path.join(cls.tmp, 'bin'))
+        cls.dumps, cls.variant_dumps = {}, {}
+        for source in clients:
+            client = os.path.join(cls.tmp, 'bin', os.path.basename(source))
+            run('strip', '-o', client, source).check_returncode()
+            for mode in CRASHES if source == DEMOCLIENT else ['segv']:
+                folder = tempfile.mkdtemp(dir=cls.tmp)
+                run(client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log', '--sender', STUB_SENDER)
+                with open(glob.glob(folder + '/crash-*.dmp')[0]) as f:
+                    (cls.dumps if source == DEMOCLIENT else cls.variant_dumps)[mode if source == DEMOCLIENT else client] = f.read()
+        cls.libc_symbols = ['--symbols', '/usr/lib/debug']
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.tmp)
+
+    def service(self, url=None):
+        return Service(tempfile.mkdtemp(dir=self.tmp), url)
+
+    def expected(self, mode, client='velmora-democlient'):
+        signature, signal_name, function, text = CRASHES[mode]
+        line = source_line(function, text) if text else None
+        if self.clang[client]:
+            # clang's line tables put some faulting statements on line 0 or on the next line.
+            line = line and 'any'
+        return signature, signal_name, function, line
+
+    def check_crash(self, mode, result, client='velmora-democlient'):
+        signature, signal_name, function, line = self.expected(mode, client)
+        frames = result['frames']
+        self.assertEqual((result['state'], result['signature'], result['signal']), ('done', signature, signal_name))
+        if line:
+            self.assertIn({'function': function, 'file': os.path.join(ROOT, 'crashhandler/democlient.c'), 'line': line},
+                          [{'function': f['function'], 'file': f['file'], 'line': 'any' if line == 'any' else f['line']}
+                           for f in frames])
+        self.assertFalse(HANDLER_FUNCTIONS & {f['function'] for f in frames})
+        if mode not in ('stack', 'unwind'):  # 64 frames of recursion; an unwinder stopped at once
+            libc = [f['function'] for f in frames if f['module'] == 'libc.so.6']
+            self.assertTrue(libc and all(libc), libc)
+        self.assertEqual({f['build_id'] for f in frames if f['module'] == client}, {self.build_ids[client]})
+
+    def test_crashes(self):
+        service = self.service()
+        reports = {mode: service.add(dump) for mode, dump in self.dumps.items()}
+        variants = {client: service.add(dump) for client, dump in self.variant_dumps.items()}
+        service.drain('--symbols', self.symbols, *self.libc_symbols)
+        for client, report in variants.items():
+            with self.subTest(client=os.path.basename(client)):
+                self.check_crash('segv', service.show(report), os.path.basename(client))
+        signatures = [self.expected(mode)[0] for mode in CRASHES] + [self.expected('segv', os.path.basename(c))[0] for c in variants]
+        for mode, report in reports.items():
+            with self.subTest(mode=mode):
+                result = service.show(report)
+                self.check_crash(mode, result)
+                self.assertEqual(service.counts()[(result['signature'], DAY)], signatures.count(result['signature']))
+
+    def test_debuginfod(self):
+        served = os.path.join(self.tmp, 'served')
+        os.makedirs(served, exist_ok=True)
+        shutil.copy(DEMOCLIENT, served)
+        port = free_port()
+        server = subprocess.Popen(['debuginfod', '-F', served, '-p', str(port), '-d', os.path.join(self.tmp, 'debuginfod.sqlite')],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            url = 'http://127.0.0.1:%d' % port
+            deadline = time.monotonic() + HANG_SECONDS
+            while run('curl', '-sf', '--noproxy', '*', '-o', '/dev/null', '%s/buildid/%s/debuginfo' % (url, self.build_id)).returncode:
+                self.assertLess(time.monotonic(), deadline, 'debuginfod did not index the client')
+                time.sleep(0.2)
+            cache = tempfile.mkdtemp(dir=self.tmp)
+            service = self.service()
+            report = service.add(self.dumps['segv'])
+            service.drain(*self.libc_symbols, env={'DEBUGINFOD_URLS': url, 'DEBUGINFOD_CACHE_PATH': cache})
+            self.check_crash('segv', service.show(report))
+            self.assertTrue(os.path.exists(os.path.join(cache, self.build_id, 'debuginfo')))
+        finally:
+            server.terminate()
+            server.wait()
+
+    def test_hostile_dumps(self):
+        segv = self.dumps['segv']
+        client_path = re.search(r'^module: \S+ \S+ (.*velmora-democlient)$', segv, re.M).group(1)
+        unstripped = os.path.join(self.tmp, 'unstripped')
+        shutil.copy(DEMOCLIENT, unstripped)
+        frame0 = re.search(r'^frame 0: .*$', segv, re.M).group(0)
+        frames = segv.count('\nframe ')
+        rows = [
+            ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
+            ('garbage', os.urandom(4096), 'failed', 'not a crash dump'),
+            ('a million frames', segv.replace('module:', ''.join('frame %d: 0x1\n' % i for i in range(frames, 10 ** 6)) + 'module:', 1),
+             'done', '@0x'),
+            ('a 10 MB line', segv.replace('\npid:', '\nx: ' + 'x' * (10 << 20) + '\npid:'), 'done', 'crash'),
+            ('a module path of /etc/shadow', segv.replace(client_path, '/etc/shadow'), 'done', 'crash'),
+            ('a dump path to debug info, no build ID', segv.replace(self.build_id + ' ' + client_path, 'none ' + unstripped)
+             .replace(client_path, unstripped), 'done', 'unstripped@0x'),
+            ('a wrong build ID', segv.replace(self.build_id, 'ab' * 20).replace(client_path, unstripped), 'done', 'unstripped@0x'),
+            ('absurd addresses', segv.replace(frame0, 'frame 0: 0xffffffffffffffff'), 'done', '@0xffffffffffffffff'),
+            ('a format from the future', segv.replace('VELMORA-CRASH 2', 'VELMORA-CRASH 9'), 'failed', 'version 9 is not known'),
+            ('no dump', None, 'done', 'EMPTY: no crash dump'),
+            ('no zip', b'PK\x03\x04 not a zip', 'failed', 'cannot be opened as a zip'),
+        ]
+        service = self.service()
+        reports = [service.add(archive=dump) if name == 'no zip' else service.add(dump) for name, dump, _, _ in rows]
+        service.drain('--symbols', self.symbols, *self.libc_symbols)
+        for (name, _, state, answer), report in zip(rows, reports):
+            with self.subTest(name):
+                result = service.show(report)
+                self.assertEqual(result['state'], state)
+                self.assertIn(answer, result['signature'] if state == 'done' else result['failure'])
+
+    def test_killed_mid_report(self):
+        for kills, state in ((1, 'done'), (3, 'failed')):
+            with self.subTest(kills=kills):
+                service = self.service()
+                report = service.add(self.dumps['segv'])
+                for _ in range(kills):
+                    with HungServer() as hung:
+                        command, env = service.processor('--lease', '1', *self.libc_symbols, env=hung.env(self.tmp))
+                        worker = subprocess.Popen(command, env=env, stderr=subprocess.DEVNULL)
+                        hung.wait_for_request(self)
+                        worker.kill()
+                        worker.wait()
+                    time.sleep(2.1)  # leases end on whole seconds
+                service.drain('--symbols', self.symbols, *self.libc_symbols)
+                result = service.show(report)
+                self.assertEqual((result['state'], result['attempts']), (state, kills + (state == 'done')))
+                self.assertEqual(sum(service.counts().values()), int(state == 'done'))
+                if state == 'failed':
+                    self.assertIn('cut short 3 times', result['failure'])
+
+    def test_stopped_mid_download(self):
+        service = self.service()
+        report = service.add(self.dumps['segv'])
+        with HungServer() as hung:
+            command, env = service.processor(*self.libc_symbols, env=hung.env(self.tmp))
+            worker = subprocess.Popen(command, env=env, stderr=subprocess.DEVNULL)
+            hung.wait_for_request(self)
+            worker.send_signal(signal.SIGTERM)
+            self.assertEqual(worker.wait(timeout=HANG_SECONDS / 2), 0)
+        self.assertEqual(service.sql('SELECT state, attempts FROM reports'), [{'state': 'new', 'attempts': 0}])
+
+    def test_reprocess(self):
+        rules = os.path.join(self.tmp, 'rules')
+        shutil.copytree(os.path.join(ROOT, 'service/signature'), rules, dirs_exist_ok=True)
+        for name in os.listdir(rules):
+            with open(os.path.join(rules, name)) as f:
+                text = f.read().replace('version: 1', 'version: 2') + ('crash\n' if name == 'prefix.txt' else '')
+            with open(os.path.join(rules, name), 'w') as f:
+                f.write(text)
+        # The last row's frames have no functions: regrouped, they keep their module and offset.
+        for since, archive_kept, symbols, signature in ((DAY, True, True, 'crash | main'), (DAY, False, True, 'crash | main'),
+                                                        ('2026-11-19', True, True, 'crash'), (DAY, False, False, None)):
+            with self.subTest(since=since, archive_kept=archive_kept, symbols=symbols):
+                service = self.service()
+                report = service.add(self.dumps['segv'])
+                service.drain(*(['--symbols', self.symbols] if symbols else []), *self.libc_symbols)
+                signature = signature or service.show(report)['signature']
+                if not archive_kept:
+                    shutil.rmtree(os.path.join(service.store, report[:8]))
+                command, env = service.processor('--reprocess', '--since', since, '--rules', rules,
+                                                 '--symbols', self.symbols, *self.libc_symbols)
+                run(*command, env=env).check_returncode()
+                result = service.show(report)
+                self.assertEqual((result['signature'], result['rule_version'], result['signal']),
+                                 (signature, 1 if since != DAY else 2, 'SIGSEGV'))
+                self.assertEqual(service.counts(), {(signature, DAY): 1})
+
+    @unittest.skipUnless(os.geteuid() == 0, 'starts PostgreSQL as the postgres user, which needs root')
+    def test_postgresql_workers_share(self):
+        folder = tempfile.mkdtemp(dir=self.tmp)
+        shutil.chown(folder, 'postgres')
+        port = str(free_port())
+        as_postgres = ['runuser', '-u', 'postgres', '--', '/usr/lib/postgresql/15/bin/']
+        run(*as_postgres[:-1], as_postgres[-1] + 'initdb', '-D', folder + '/data').check_returncode()
+        try:
+            # Inside the try: a start that times out may still leave a server running.
+            run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-l', folder + '/log', '-w', '-o',
+                "-k %s -p %s -c listen_addresses=''" % (folder, port), 'start').check_returncode()
+            run('runuser', '-u', 'postgres', '--', 'createdb', '-h', folder, '-p', port, 'reports').check_returncode()
+            service = self.service('postgresql://postgres@/reports?host=%s&port=%s' % (folder, port))
+            reports = [service.add(self.dumps['segv']) for _ in range(20)]
+            workers = [subprocess.Popen(service.processor('--drain', '--worker', 'w%d' % n, '--symbols', self.symbols,
+                                                          *self.libc_symbols)[0]) for n in (1, 2)]
+            self.assertEqual([w.wait(timeout=HANG_SECONDS) for w in workers], [0, 0])
+            rows = service.sql('SELECT state, attempts, worker FROM reports')
+            self.assertEqual([(r['state'], r['attempts']) for r in rows], [('done', 1)] * len(reports))
+            self.assertEqual(service.counts(), {('crash', DAY): 20})
+        finally:
+            run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-m', 'immediate', 'stop')
+
+    def test_command_lines(self):
+        service = self.service()
+        rows = [
+            ([], 2, '--db URL is needed'),
+            (['--db', service.url], 2, '--store DIR is needed'),
+            (['--db', service.url, '--store', service.store, '--lease', '0'], 2, '--lease takes'),
+            (['--db', service.url, '--store', service.store, '--since', '2026-11-17'], 2, '--since goes with --reprocess'),
+            (['--db', service.url, '--store', service.store, '--reprocess', '--since', '17.11.2026'], 2, 'YYYY-MM-DD'),
+            (['--db', service.url, '--store', service.store, '--symbols', '/nonexistent'], 2, 'no folder'),
+            (['--db', 'sqlite:' + self.tmp + '/none.sqlite', '--store', service.store], 1, 'migrate.php creates it'),
+            (['--db', 'mysql://x/y', '--show', 'x'], 1, 'not a database URL'),
+            (['--db', service.url, '--show', '20261117-0000000000000099'], 1, 'no report'),
+            (['--db', service.url, '--store', service.store, '--drain', '--rules', self.tmp], 1, 'skip.txt'),
+        ]
+        for args, code, message in rows:
+            with self.subTest(args=args):
+                done = run(PROCESSOR, *args)
+                self.assertEqual(done.returncode, code, done.stderr)
+                self.assertIn(message, done.stderr)
+        service.sql('INSERT INTO schema_migrations (version, name, applied_at) VALUES (3, ?, 0)', '003_future.sql')
+        done = run(PROCESSOR, '--db', service.url, '--store', service.store, '--drain')
+        self.assertEqual((done.returncode, done.stderr), (1, 'velmora-processor: the database is at schema version 3, this processor knows 2\n'))
+
+
+if __name__ == '__main__':
+    unittest.main(verbosity=2)
