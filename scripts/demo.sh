@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds, starts the local service and crashes the demo client,
-# whose crash handler writes the dump and opens the report window on it. Without a DISPLAY it
-# answers the window itself under Xvfb.
+# whose crash handler writes the dump and opens the report window on it. The report goes to the
+# service, the processor symbolizes it, and it ends on the crash-stats pages. Without a DISPLAY
+# it answers the window itself under Xvfb and saves screenshots of the window and the report's page.
 #
 # DEMO_BIN=path/to/error_report skips installing and building (the test suite uses it); the demo
-# client is then taken from beside it unless DEMO_CLIENT names it. DEMO_PORT must match that
-# program's compiled-in service host (default 8750).
+# client and the processor are then taken from beside it unless DEMO_CLIENT names the client.
+# DEMO_PORT must match that program's compiled-in service host (default 8750).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +21,8 @@ else
     client=$PWD/build/bin/velmora-democlient
 fi
 [ -x "$client" ] || { echo "demo: no demo client at $client (DEMO_CLIENT)" >&2; exit 1; }
+processor=$(dirname "$bin")/velmora-processor
+[ -x "$processor" ] || { echo "demo: no velmora-processor beside $bin" >&2; exit 1; }
 port=${DEMO_PORT:-8750}
 
 work=$(mktemp -d -t velmora-demo.XXXXXX)
@@ -67,16 +70,27 @@ wait_for() {
     done
 }
 
-service/run.sh --port "$port" --data "$service" >"$work/service.log" 2>&1 &
+# A vendor's release step: the client's debug information filed by its build ID, where the
+# processor looks for it; libc's comes from Debian's libc6-dbg.
+scripts/file-debug-info.sh "$work/symbols" "$client" >/dev/null
+service/run.sh --port "$port" --data "$service" --processor "$processor" \
+    --symbols "$work/symbols" --symbols /usr/lib/debug >"$work/service.log" 2>&1 &
 pids+=($!)
+service_pid=$!
 # run.sh announces the service once it answers; a port already taken makes it quit.
-wait_for "the service on port $port" "${pids[-1]}" grep -q '^Service on' "$work/service.log"
+wait_for "the service on port $port" "$service_pid" grep -q '^Service on' "$work/service.log"
 cat "$work/service.log"
 
+db=sqlite:$service/reports.sqlite
 # The report is stored once its row is in the database, which follows its archive in the store.
 stored_report() {
     report=$(php -r 'require $argv[1]; echo connectDatabase($argv[2])->query("SELECT id FROM reports")->fetchColumn();' \
-        service/web/lib/db.php "sqlite:$service/reports.sqlite" 2>/dev/null) && [ -n "$report" ]
+        service/web/lib/db.php "$db" 2>/dev/null) && [ -n "$report" ]
+}
+# The processor has finished with a report once it is done or failed.
+processed() {
+    "$processor" --db "$db" --show "$report" >"$work/processed.json" 2>/dev/null &&
+        grep -q '"state": *"\(done\|failed\)"' "$work/processed.json"
 }
 
 # The client dies by SIGSEGV; its handler has then written the dump and started the sender.
@@ -146,3 +160,24 @@ echo "Report stored in $stored"
 unzip -p "$stored" 'crash-*.dmp' >"$work/stored.dmp"
 grep -q '^signal: 11 SIGSEGV' "$work/stored.dmp" || fail "the stored dump names no SIGSEGV"
 echo "The stored dump: $(grep -m1 '^signal:' "$work/stored.dmp")"
+
+wait_for "the processor" "$service_pid" processed
+# The processed report: its signature and its innermost frames, as the pages show them.
+summary=$(php -r '
+    $r = json_decode(file_get_contents($argv[1]), true);
+    echo "$r[state]: $r[signal], signature \"$r[signature]\"\n";
+    foreach (array_slice($r["frames"] ?? [], 0, 4) as $f)
+        printf("  #%d %s %s%s\n", $f["frame"], $f["function"] ?? "?", $f["file"] ? basename($f["file"]) . ":$f[line] " : "",
+               $f["inlined"] ? "(inlined)" : "");' "$work/processed.json")
+echo "Processed: $summary"
+# The crashing function, found by the client's build ID in the symbols folder.
+grep -q '"function": *"crash"' "$work/processed.json" || fail "the processed report does not name the function crash"
+
+page=http://127.0.0.1:$port/crashes/report/$report
+if [ -n "$headless" ]; then
+    scripts/report-screenshot.sh "http://127.0.0.1:$port" "$service" "$report" "$work/crashes.png"
+else
+    echo "The report on the crash-stats pages: $page"
+    echo "Log in as admin with the password in $service/admin-password"
+    read -r -p "Press Enter to stop the service. " _ || true
+fi

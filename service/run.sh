@@ -261,7 +261,7 @@ if [ "$processors" -gt 0 ]; then
     processor=${processor:-$(dirname "$here")/build/bin/velmora-processor}
     if [ -x "$processor" ]; then
         for n in $(seq 1 "$processors"); do
-            "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" "${symbols[@]}" \
+            "$processor" --db "$db" --store "$store" --worker "${HOSTNAME%%.*}-$n" --rules "$here/signature" "${symbols[@]}" \
                 2>>"$data/log/processor-$n.log" &
             started $! "processor $n" "$data/log/processor-$n.log"
         done
