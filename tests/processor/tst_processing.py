@@ -9,21 +9,21 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
 import zipfile
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'service'))
+from servicefixture import HANG_SECONDS, ROOT, Postgres, free_port, query  # noqa: E402
+
 PROCESSOR = os.environ['PROCESSOR']
 DEMOCLIENT = os.environ['DEMOCLIENT']
 STUB_SENDER = os.path.join(ROOT, 'tests/data/stub_sender.sh')
-HANG_SECONDS = 60
 RECEIVED, DAY = 1795000000, '2026-11-18'
 HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler_install'}
-SQL_PHP = ('require $argv[1]; $q = connectDatabase($argv[2])->prepare($argv[3]); $q->execute(json_decode($argv[4]));'
-           'echo json_encode($q->fetchAll(PDO::FETCH_ASSOC));')
 # Each crash of the demo client: its signature, signal, and the function and statement of
 # democlient.c that it faults in (the assembler of "unwind" has no line).
 CRASHES = {
@@ -44,12 +44,6 @@ def run(*args, **kwargs):
     return subprocess.run(args, capture_output=True, text=True, timeout=HANG_SECONDS, **kwargs)
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(('127.0.0.1', 0))
-        return s.getsockname()[1]
-
-
 def source_line(function, text):
     with open(os.path.join(ROOT, 'crashhandler/democlient.c')) as f:
         lines = f.read().split('\n')
@@ -66,10 +60,8 @@ class Service:
         run('php', os.path.join(ROOT, 'service/schema/migrate.php'), self.url).check_returncode()
         self.count = 0
 
-    def sql(self, query, *params):
-        done = run('php', '-r', SQL_PHP, os.path.join(ROOT, 'service/web/lib/db.php'), self.url, query, json.dumps(params))
-        done.check_returncode()
-        return json.loads(done.stdout)
+    def sql(self, sql, *params):
+        return query(self.url, sql, *params)
 
     def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0'):
         self.count += 1
@@ -309,19 +301,10 @@ class Processing(unittest.TestCase):
                                  (signature, 1 if since != DAY else 2, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
 
-    @unittest.skipUnless(os.geteuid() == 0, 'starts PostgreSQL as the postgres user, which needs root')
     def test_postgresql_workers_share(self):
-        folder = tempfile.mkdtemp(dir=self.tmp)
-        shutil.chown(folder, 'postgres')
-        port = str(free_port())
-        as_postgres = ['runuser', '-u', 'postgres', '--', '/usr/lib/postgresql/15/bin/']
-        run(*as_postgres[:-1], as_postgres[-1] + 'initdb', '-D', folder + '/data').check_returncode()
+        postgres = Postgres()
         try:
-            # Inside the try: a start that times out may still leave a server running.
-            run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-l', folder + '/log', '-w', '-o',
-                "-k %s -p %s -c listen_addresses=''" % (folder, port), 'start').check_returncode()
-            run('runuser', '-u', 'postgres', '--', 'createdb', '-h', folder, '-p', port, 'reports').check_returncode()
-            service = self.service('postgresql://postgres@/reports?host=%s&port=%s' % (folder, port))
+            service = self.service(postgres.url)
             reports = [service.add(self.dumps['segv']) for _ in range(20)]
             workers = [subprocess.Popen(service.processor('--drain', '--worker', 'w%d' % n, '--symbols', self.symbols,
                                                           *self.libc_symbols)[0]) for n in (1, 2)]
@@ -330,7 +313,7 @@ class Processing(unittest.TestCase):
             self.assertEqual([(r['state'], r['attempts']) for r in rows], [('done', 1)] * len(reports))
             self.assertEqual(service.counts(), {('crash', DAY): 20})
         finally:
-            run(*as_postgres[:-1], as_postgres[-1] + 'pg_ctl', '-D', folder + '/data', '-m', 'immediate', 'stop')
+            postgres.stop()
 
     def test_command_lines(self):
         service = self.service()

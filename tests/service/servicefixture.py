@@ -64,11 +64,13 @@ def exchange(port, raw):
             return None, '', ''
 
 
-def query(db_url, sql):
-    """Rows as dicts, read through the service's own database code, SQLite and PostgreSQL alike."""
-    script = 'require $argv[1]; echo json_encode(connectDatabase($argv[2])->query($argv[3])->fetchAll(PDO::FETCH_ASSOC));'
-    return json.loads(subprocess.run(['php', '-r', script, ROOT + '/service/web/lib/db.php', db_url, sql], check=True,
-                                     capture_output=True, text=True, timeout=HANG_SECONDS).stdout)
+def query(db_url, sql, *params):
+    """Rows as dicts, through the service's own database code, SQLite and PostgreSQL alike; the
+    parameters are bound."""
+    script = ('require $argv[1]; $q = connectDatabase($argv[2])->prepare($argv[3]); $q->execute(json_decode($argv[4]));'
+              'echo json_encode($q->fetchAll(PDO::FETCH_ASSOC));')
+    return json.loads(subprocess.run(['php', '-r', script, ROOT + '/service/web/lib/db.php', db_url, sql, json.dumps(params)],
+                                     check=True, capture_output=True, text=True, timeout=HANG_SECONDS).stdout)
 
 
 def processes(service, name):
