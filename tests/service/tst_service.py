@@ -20,7 +20,7 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
+from servicefixture import (HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
                             query, request, upload_request)
 
 MAX = 1 << 20
@@ -33,6 +33,12 @@ FLIPPED = GOOD.replace(DEFLATED, DEFLATED[:190] + bytes([DEFLATED[190] ^ 0x10]) 
 
 
 warnings.filterwarnings('ignore', 'Duplicate name')  # the row that wants one
+# The examples that tst_processor holds the C++ side to, as PHP sees them.
+FACTS = ('$facts = json_decode(file_get_contents($argv[1]), true);'
+         'echo json_encode(["report_ids" => array_map(fn ($r) => isReportId($r[1]), $facts["report_ids"]),'
+         '"dump_heads" => array_map(fn ($r) => isCrashDump($r[1]), $facts["dump_heads"]),'
+         '"database_urls" => array_map(function ($r) { try { return databaseUrl($r[1]); } catch (InvalidArgumentException) { return null; } },'
+         '$facts["database_urls"])]);')
 
 # Each row: a request, the status and the start of the one line that answers it (None: the
 # connection closes unanswered).
@@ -97,6 +103,25 @@ class ServiceTest(unittest.TestCase):
                                  (fields, version, description, len(data), hashlib.sha256(data).hexdigest(), 'new', '127.0.0.1'))
                 with open(service.stored()[0][report], 'rb') as stored:
                     self.assertEqual(stored.read(), data)
+
+    def test_facts(self):
+        with open(os.path.join(ROOT, 'tests/data/facts.json')) as f:
+            facts = json.load(f)
+        del facts['about']
+        libraries = ''.join('require "%s/service/web/lib/%s.php";' % (ROOT, name) for name in ('db', 'store', 'archive'))
+        found = json.loads(subprocess.run(['php', '-r', libraries + FACTS, os.path.join(ROOT, 'tests/data/facts.json')],
+                                          check=True, capture_output=True, text=True, timeout=HANG_SECONDS).stdout)
+        # nginx's report locations capture the id with their own copy of its form.
+        with open(os.path.join(ROOT, 'service/conf/locations/crashes.conf.in')) as f:
+            locations = re.findall(r'\(\?<report_id>([^)]*)\)', f.read())
+        self.assertEqual(len(locations), 2)
+        for fact, rows in facts.items():
+            for (name, example, expected), answer in zip(rows, found[fact]):
+                with self.subTest(fact=fact, example=name):
+                    self.assertEqual(answer, expected)
+                    if fact == 'report_ids':
+                        self.assertEqual([bool(re.fullmatch(form, example)) for form in locations], [expected] * 2)
+        self.assertEqual({fact: len(rows) for fact, rows in found.items()}, {fact: len(rows) for fact, rows in facts.items()})
 
     def test_life(self):
         service = self.start('--keep-days', '30', '--rate-limit', '2')
