@@ -20,8 +20,8 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
-                            query, request, upload_request)
+from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, free_port,
+                            processes, query, request, upload_request)
 
 MAX = 1 << 20
 PLAIN = 'text/plain; charset=utf-8'
@@ -49,6 +49,9 @@ HOSTILE = [
     ('file as an array', upload_request(0, files=[('dumpfile[]', GOOD)]), 400, 'Report refused: no file in the field "dumpfile".'),
     ('two dumpfile parts', upload_request(0, files=[('dumpfile', GOOD)] * 2), 400, 'Report refused: the upload holds more than one file.'),
     ('another file first', upload_request(0, files=[('x', GOOD), ('dumpfile', GOOD)]), 400, 'Report refused: the upload holds more than one file.'),
+    # A part without a file name is no upload to PHP's max_file_uploads, but an entry in $_FILES.
+    ('an empty file part first', upload_request(0, files=[('x', b'', ''), ('dumpfile', GOOD)]), 400,
+     'Report refused: the upload holds more than one file.'),
     ('not a zip', upload_request(b'MZ' + os.urandom(4000)), 422, 'Report refused: the file is not a readable zip archive.'),
     ('an entry twice', upload_request(archive(extra=[('client.log', b'again')])), 422, 'Report refused: the file is not a readable zip archive.'),
     ('one flipped bit', upload_request(FLIPPED), 422, 'Report refused: entry 1 of the archive is damaged.'),
@@ -91,7 +94,8 @@ class ServiceTest(unittest.TestCase):
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
         for data, fields, version, description in [(archive(escaped), {'product': 'Velmora ü'}, '3.0.1', 'Crash, then "été" ☺'),
-                                                   (archive('[Other]\nversion=9\n'), {}, '', '')]:
+                                                   (archive('[Other]\nversion=9\n'), {}, '', ''),
+                                                   (archive(extra=[('e%d' % i, b'') for i in range(13)]), FIELDS, '3.0.0', 'It crashed.')]:
             with self.subTest(description):
                 status, content_type, line = exchange(service.port, upload_request(data, fields))
                 self.assertEqual(content_type, PLAIN)
