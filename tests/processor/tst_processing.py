@@ -339,6 +339,9 @@ class Processing(unittest.TestCase):
         done = run(PROCESSOR, '--db', service.url, '--store', service.store, '--drain')
         self.assertEqual((done.returncode, done.stderr),
                          (1, 'velmora-processor: the database is at schema version %d, this processor knows %d\n' % (known + 1, known)))
+        done = run('php', os.path.join(ROOT, 'service/schema/migrate.php'), service.url)
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, "migrate: the database is at schema %d, newer than this service's %d\n" % (known + 1, known)))
 
 
 if __name__ == '__main__':
