@@ -17,6 +17,7 @@ import unittest
 import zipfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'service'))
+import servicefixture  # noqa: E402
 from servicefixture import HANG_SECONDS, ROOT, Postgres, free_port, query  # noqa: E402
 
 PROCESSOR = os.environ['PROCESSOR']
@@ -314,6 +315,45 @@ class Processing(unittest.TestCase):
             self.assertEqual(service.counts(), {('crash', DAY): 20})
         finally:
             postgres.stop()
+
+    def test_loader_writes_the_same_rows(self):
+        """Reports uploaded to the service and processed, then loaded by scripts/load-reports.php as
+        they came out: the loader's rows are the endpoint's and the processor's."""
+        service = servicefixture.Service(self.tmp, '--rate-limit', '0').start()
+        try:
+            for version, dump in (('3.0.0', self.dumps['segv']), ('3.0.0', self.dumps['segv']), ('3.0.1', self.dumps['fpe']),
+                                  ('3.0.1', None), ('3.0.1', self.dumps['segv'].replace('CRASH 2', 'CRASH 9'))):
+                data = servicefixture.archive('[General]\nversion=%s\n' % version, dump or b'')
+                fields = {'product': 'Velmora 3', 'os': 'linux/x86_64 ü'}
+                self.assertEqual(servicefixture.exchange(service.port, servicefixture.upload_request(data, fields))[0], 200)
+        finally:
+            service.stop()
+        run(PROCESSOR, '--db', service.db, '--store', service.store, '--drain', '--symbols', self.symbols,
+            *self.libc_symbols).check_returncode()
+
+        def tables(url):
+            return {'reports': query(url, 'SELECT * FROM reports ORDER BY id'),
+                    'processed': query(url, 'SELECT * FROM processed ORDER BY report_id'),
+                    'signature_days': query(url, 'SELECT * FROM signature_days ORDER BY signature, day, version')}
+        uploaded = tables(service.db)
+        results = {row['report_id']: row for row in uploaded['processed']}
+        listed = [{**report, 'fields': json.loads(report['fields']), 'archive': False,
+                   **({key: results[report['id']][key] for key in ('signature', 'rule_version', 'signal', 'address')}
+                      if report['id'] in results else {}),
+                   'frames': json.loads(results[report['id']]['frames']) if report['id'] in results else []}
+                  for report in uploaded['reports']]
+        loaded = self.service()
+        run('php', os.path.join(ROOT, 'scripts/load-reports.php'), '--db', loaded.url, '-', input=json.dumps(listed)).check_returncode()
+        # The loader makes no archive here, and its own time of processing.
+        differing = {'size', 'sha256', 'processed_at'}
+        for name, table in tables(loaded.url).items():
+            with self.subTest(table=name):
+                self.assertEqual([{key: json.loads(value) if key == 'frames' else value for key, value in row.items() if key not in differing}
+                                  for row in table],
+                                 [{key: json.loads(value) if key == 'frames' else value for key, value in row.items() if key not in differing}
+                                  for row in uploaded[name]])
+        self.assertEqual(sorted((r['state'], r.get('signature')) for r in listed),
+                         [('done', 'EMPTY: no crash dump'), ('done', 'crash'), ('done', 'crash'), ('done', 'divide_by_zero'), ('failed', None)])
 
     def test_command_lines(self):
         service = self.service()
