@@ -113,8 +113,10 @@ class ServiceTest(unittest.TestCase):
             facts = json.load(f)
         del facts['about']
         libraries = ''.join('require "%s/service/web/lib/%s.php";' % (ROOT, name) for name in ('db', 'store', 'archive'))
-        found = json.loads(subprocess.run(['php', '-r', libraries + FACTS, os.path.join(ROOT, 'tests/data/facts.json')],
-                                          check=True, capture_output=True, text=True, timeout=HANG_SECONDS).stdout)
+        done = subprocess.run(['php', '-d', 'display_errors=stderr', '-r', libraries + FACTS, os.path.join(ROOT, 'tests/data/facts.json')],
+                              check=True, capture_output=True, text=True, timeout=HANG_SECONDS)
+        self.assertEqual(done.stderr, '')
+        found = json.loads(done.stdout)
         # nginx's report locations capture the id with their own copy of its form.
         with open(os.path.join(ROOT, 'service/conf/locations/crashes.conf.in')) as f:
             locations = re.findall(r'\(\?<report_id>([^)]*)\)', f.read())
