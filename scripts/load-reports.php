@@ -13,6 +13,7 @@
 declare(strict_types=1);
 require __DIR__ . '/../service/web/lib/db.php';
 require __DIR__ . '/../service/web/lib/store.php';
+require __DIR__ . '/../service/web/lib/reports.php';
 
 const BATCH = 5000;
 
@@ -25,10 +26,10 @@ function loadListed(PDO $db, ?FileStore $store, array $reports): array
 {
     $rows = [];
     $processed = [];
-    $days = [];
+    $counted = [];
     foreach ($reports as $n => $r) {
         $received = (int) ($r['received_at'] ?? time());
-        $id = $r['id'] ?? gmdate('Ymd', $received) . '-' . bin2hex(random_bytes(8));
+        $id = $r['id'] ?? newReportId($received);
         $state = $r['state'] ?? 'done';
         $archive = $r['archive'] ?? true;
         $version = (string) ($r['version'] ?? '3.0.0');
@@ -42,21 +43,20 @@ function loadListed(PDO $db, ?FileStore $store, array $reports): array
             if ($archive === 'removed')
                 $store->remove($id);
         }
-        $rows[] = [$id, $received, $r['client_addr'] ?? '127.0.0.1',
-                   json_encode((object) ($r['fields'] ?? ['product' => 'Velmora 3']), JSON_UNESCAPED_UNICODE | JSON_THROW_ON_ERROR),
-                   $version, $description, $size, $sha, $state, $r['worker'] ?? null, null,
-                   (int) ($r['attempts'] ?? ($state === 'new' ? 0 : 1)), $r['failure'] ?? null,
-                   $archive === 'removed' ? $received + 86400 : null];
+        $rows[] = ['id' => $id, 'received_at' => $received, 'client_addr' => $r['client_addr'] ?? '127.0.0.1',
+                   'fields' => $r['fields'] ?? ['product' => 'Velmora 3'], 'version' => $version, 'description' => $description,
+                   'size' => $size, 'sha256' => $sha, 'state' => $state, 'worker' => $r['worker'] ?? null,
+                   'attempts' => (int) ($r['attempts'] ?? ($state === 'new' ? 0 : 1)), 'failure' => $r['failure'] ?? null,
+                   'archive_removed_at' => $archive === 'removed' ? $received + 86400 : null];
         if ($state === 'done') {
             $signature = (string) ($r['signature'] ?? 'EMPTY: no crash dump');
             $processed[] = [$id, $signature, (int) ($r['rule_version'] ?? 1), $r['signal'] ?? null,
                             $r['address'] ?? null, json_encode($r['frames'] ?? [], JSON_THROW_ON_ERROR), $received + 1];
-            $key = json_encode([$signature, gmdate('Y-m-d', $received), $version]);
-            $days[$key] = ($days[$key] ?? 0) + 1;
+            $counted[] = [$signature, $received, $version];
         }
     }
-    insertAll($db, $rows, $processed, $days);
-    return array_column($rows, 0);
+    insertAll($db, $rows, $processed, $counted);
+    return array_column($rows, 'id');
 }
 
 // The archive the sender would have made: the log, the dump and info.ini.
@@ -98,7 +98,7 @@ function loadSynthetic(PDO $db, int $count, int $daysBack, int $signatureCount, 
     $versions = ['3.0.0', '3.0.1', '3.1.0', '3.1.1', '3.2.0', '3.2.1'];
     $now = time();
     $start = $now - $daysBack * 86400;
-    $rows = $processed = $days = [];
+    $rows = $processed = $counted = [];
     for ($n = 0; $n < $count; ++$n) {
         $received = $start + (int) ($daysBack * 86400 * $n / $count) + mt_rand(0, 59);
         $age = ($received - $start) / ($daysBack * 86400);
@@ -115,24 +115,25 @@ function loadSynthetic(PDO $db, int $count, int $daysBack, int $signatureCount, 
         }
         // Crashes new in a version: a few signatures occur only from the version they came with.
         $s = $lo % 50 === 7 && $v < 3 ? ($lo + 1) : $lo;
-        $id = gmdate('Ymd', $received) . '-' . sprintf('%016x', $n * 2654435761 % PHP_INT_MAX);
+        $id = newReportId($received, pack('J', $n * 2654435761 % PHP_INT_MAX));
         $failed = mt_rand(0, 199) === 0;
-        $rows[] = [$id, $received, '192.0.2.' . mt_rand(1, 254), '{"product":"Velmora 3","channel":"stable","os":"linux"}',
-                   $versions[$v], "Synthetic report $n", 400000 + mt_rand(0, 99999), str_repeat('ab', 32),
-                   $failed ? 'failed' : 'done', 'bench-1', null, 1, $failed ? 'the dump is truncated' : null,
-                   $received < $now - 30 * 86400 ? $received + 30 * 86400 : null];
+        $rows[] = ['id' => $id, 'received_at' => $received, 'client_addr' => '192.0.2.' . mt_rand(1, 254),
+                   'fields' => ['product' => 'Velmora 3', 'channel' => 'stable', 'os' => 'linux'], 'version' => $versions[$v],
+                   'description' => "Synthetic report $n", 'size' => 400000 + mt_rand(0, 99999), 'sha256' => str_repeat('ab', 32),
+                   'state' => $failed ? 'failed' : 'done', 'worker' => 'bench-1', 'attempts' => 1,
+                   'failure' => $failed ? 'the dump is truncated' : null,
+                   'archive_removed_at' => $received < $now - 30 * 86400 ? $received + 30 * 86400 : null];
         if (!$failed) {
             $processed[] = [$id, $signatures[$s], 1, 'SIGSEGV', '0x0000000000000000',
                             syntheticFrames($signatures[$s]), $received + 2];
-            $key = json_encode([$signatures[$s], gmdate('Y-m-d', $received), $versions[$v]]);
-            $days[$key] = ($days[$key] ?? 0) + 1;
+            $counted[] = [$signatures[$s], $received, $versions[$v]];
         }
         if (count($rows) === BATCH) {
-            insertAll($db, $rows, $processed, []);
-            $rows = $processed = [];
+            insertAll($db, $rows, $processed, $counted);
+            $rows = $processed = $counted = [];
         }
     }
-    insertAll($db, $rows, $processed, $days);
+    insertAll($db, $rows, $processed, $counted);
 }
 
 function syntheticSignature(int $s): string
@@ -152,39 +153,14 @@ function syntheticFrames(string $signature): string
     return json_encode($frames);
 }
 
-function insertAll(PDO $db, array $reports, array $processed, array $days): void
+// $counted: [signature, received_at, version] of each report done.
+function insertAll(PDO $db, array $reports, array $processed, array $counted): void
 {
     $db->beginTransaction();
-    insertRows($db, 'reports', ['id', 'received_at', 'client_addr', 'fields', 'version', 'description', 'size', 'sha256',
-                                'state', 'worker', 'lease_until', 'attempts', 'failure', 'archive_removed_at'], $reports);
-    insertRows($db, 'processed', ['report_id', 'signature', 'rule_version', 'signal', 'address', 'frames', 'processed_at'], $processed);
-    $counts = [];
-    foreach ($days as $key => $count)
-        $counts[] = [...json_decode($key), $count];
-    // Added to what is there, as the processor counts one report at a time.
-    $sql = 'INSERT INTO signature_days (signature, day, version, count) VALUES (?, ?, ?, ?) '
-         . 'ON CONFLICT (signature, day, version) DO UPDATE SET count = signature_days.count + excluded.count';
-    $add = $db->prepare($sql);
-    foreach ($counts as $row)
-        $add->execute($row);
+    insertReports($db, $reports);
+    insertRows($db, 'processed (report_id, signature, rule_version, signal, address, frames, processed_at)', $processed);
+    addDailyCounts($db, $counted);
     $db->commit();
-}
-
-function insertRows(PDO $db, string $table, array $columns, array $rows): void
-{
-    if (!$rows)
-        return;
-    if (isPostgres($db)) {
-        $lines = [];
-        foreach ($rows as $row)
-            $lines[] = implode("\t", array_map(fn ($v) => $v === null ? '\N' : strtr((string) $v, ["\\" => '\\\\', "\t" => '\t', "\n" => '\n', "\r" => '\r']), $row));
-        $db->pgsqlCopyFromArray($table, $lines, "\t", '\\\\N', implode(',', $columns));
-        return;
-    }
-    $insert = $db->prepare("INSERT INTO $table (" . implode(', ', $columns) . ') VALUES ('
-                           . implode(', ', array_fill(0, count($columns), '?')) . ')');
-    foreach ($rows as $row)
-        $insert->execute($row);
 }
 
 function options(array $argv): array

@@ -5,7 +5,8 @@
 set -euo pipefail
 [ $# -eq 4 ] || { echo "usage: ${0##*/} SERVICE-URL DATA-DIR REPORT-ID OUT.png" >&2; exit 2; }
 base=$1 data=$2 id=$3 out=$4
-[[ $id =~ ^[0-9]{8}-[0-9a-f]{16}$ ]] || { echo "${0##*/}: not a report id: $id" >&2; exit 2; }
+php -r 'require $argv[1]; exit(isReportId($argv[2]) ? 0 : 1);' "$(dirname "$0")/../service/web/lib/store.php" "$id" ||
+    { echo "${0##*/}: not a report id: $id" >&2; exit 2; }
 case $base in
     http://?*|https://?*) ;;
     *) echo "${0##*/}: not an http:// or https:// URL: $base" >&2; exit 2 ;;

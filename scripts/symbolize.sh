@@ -1,21 +1,23 @@
 #!/usr/bin/env bash
 # Prints each frame of a crash dump (format 1 or 2) with its function, file and line:
 #
-#   scripts/symbolize.sh DUMP
+#   scripts/symbolize.sh DUMP|ARCHIVE
 #
+# A report archive's dump is the entry that the service takes for it (scripts/crash-dump.php).
 # eu-addr2line (elfutils) reads the dump's memory map and takes the run-time addresses as they
 # are, so one recipe holds for PIE and non-PIE programs, shared libraries and any linker. It
 # needs the very builds that crashed at the paths the map names, or their debug files from
 # debuginfod (DEBUGINFOD_URLS). A file there whose build ID differs from the one the dump
 # recorded is named on stderr: its frames would name the wrong functions.
 set -euo pipefail
-dump=$1
-case $(head -n 1 -- "$dump") in
-"VELMORA-CRASH 1" | "VELMORA-CRASH 2") ;;
-*) echo "symbolize: $dump is no crash dump" >&2; exit 2 ;;
-esac
+dump=$(mktemp)
 maps=$(mktemp)
-trap 'rm -f "$maps"' EXIT
+trap 'rm -f "$dump" "$maps"' EXIT
+php "$(dirname "$0")/crash-dump.php" "$1" >"$dump" 2>/dev/null || { echo "symbolize: $1 is no crash dump and holds none" >&2; exit 2; }
+case $(head -n 1 -- "$dump" | tr -d '\0') in
+"VELMORA-CRASH 1" | "VELMORA-CRASH 2") ;;
+*) echo "symbolize: the dump in $1 is of a format that only velmora-processor reads" >&2; exit 2 ;;
+esac
 sed '1,/^maps:$/d' -- "$dump" >"$maps"
 
 while read -r _ _ id path; do

@@ -1,6 +1,9 @@
-// The processor's rules on their own: the dump parser against hostile dumps, and the
-// signature lists as shipped.
+// The processor's rules on their own: the dump parser against hostile dumps, the signature
+// lists as shipped, and the facts it shares with the PHP side, on the examples both must agree on.
 #include "crashdump.h"
+#include "databaseurl.h"
+#include "reportdatabase.h"
+#include "reportstore.h"
 #include "signaturerules.h"
 
 #include <QRandomGenerator>
@@ -31,6 +34,9 @@ private slots:
     void signatures();
     void ruleFiles_data();
     void ruleFiles();
+    void facts_data();
+    void facts();
+    void schemaVersion();
 };
 
 void tst_Processor::dumps_data()
@@ -171,6 +177,54 @@ void tst_Processor::ruleFiles()
     QString message;
     QVERIFY(!rules.load(dir.path(), &message));
     QVERIFY2(message.contains(error), qPrintable(message));
+}
+
+void tst_Processor::facts_data()
+{
+    QTest::addColumn<QString>("fact");
+    QTest::addColumn<QString>("example");
+    QTest::addColumn<QJsonValue>("expected");
+
+    QFile file(QStringLiteral(FACTS_FILE));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QJsonObject facts = QJsonDocument::fromJson(file.readAll()).object();
+    for (const QString fact : { "report_ids", "dump_heads", "database_urls" }) {
+        QVERIFY(!facts.value(fact).toArray().isEmpty());
+        for (const QJsonValue &row : facts.value(fact).toArray())
+            QTest::newRow(qPrintable(fact + ": " + row[0].toString())) << fact << row[1].toString() << row[2];
+    }
+}
+
+void tst_Processor::facts()
+{
+    QFETCH(QString, fact);
+    QFETCH(QString, example);
+    QFETCH(QJsonValue, expected);
+
+    QJsonValue found;
+    if (fact == QLatin1String("report_ids")) {
+        found = ReportStore::isReportId(example);
+    } else if (fact == QLatin1String("dump_heads")) {
+        found = ReportStore::isDump(example.toLatin1());
+    } else {
+        const DatabaseUrl url = DatabaseUrl::parse(example);
+        if (!url.error.isEmpty())
+            found = QJsonValue::Null;
+        else if (!url.sqlitePath.isEmpty())
+            found = QJsonObject{ { "sqlite", url.sqlitePath } };
+        else
+            found = QJsonObject{ { "dbname", url.dbname }, { "host", url.host }, { "port", url.port }, { "user", url.user },
+                                 { "password", url.password } };
+    }
+    QCOMPARE(found, expected);
+}
+
+// The PHP side checks its own number against the files each time it migrates.
+void tst_Processor::schemaVersion()
+{
+    const QStringList migrations = QDir(QStringLiteral(SCHEMA_DIR)).entryList({ QStringLiteral("[0-9][0-9][0-9]_*.sql") }, QDir::Files, QDir::Name);
+    QVERIFY(!migrations.isEmpty());
+    QCOMPARE(ReportDatabase::SchemaVersion, migrations.last().left(3).toInt());
 }
 
 QTEST_GUILESS_MAIN(tst_Processor)

@@ -1,12 +1,12 @@
 #include "reportdatabase.h"
 
+#include "databaseurl.h"
+
 #include <QDateTime>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QSqlError>
 #include <QSqlQuery>
-#include <QUrlQuery>
 
 static qint64 now()
 {
@@ -38,41 +38,29 @@ ReportDatabase::~ReportDatabase()
 
 bool ReportDatabase::open(const QString &url, QString *error)
 {
+    const DatabaseUrl parts = DatabaseUrl::parse(url);
+    if (!parts.error.isEmpty()) {
+        *error = parts.error;
+        return false;
+    }
     QSqlDatabase db;
-    if (url.startsWith(QLatin1String("sqlite:"))) {
-        const QString path = url.mid(7);
-        if (!path.startsWith(QLatin1Char('/'))) {
-            *error = QStringLiteral("the SQLite database needs an absolute path: %1").arg(url);
-            return false;
-        }
+    if (!parts.sqlitePath.isEmpty()) {
         // Opening would create an empty database, which is no service's.
-        if (!QFileInfo(path).isFile()) {
-            *error = QStringLiteral("no database at %1 (php service/schema/migrate.php creates it)").arg(path);
+        if (!QFileInfo(parts.sqlitePath).isFile()) {
+            *error = QStringLiteral("no database at %1 (php service/schema/migrate.php creates it)").arg(parts.sqlitePath);
             return false;
         }
         db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connection);
-        db.setDatabaseName(path);
+        db.setDatabaseName(parts.sqlitePath);
         db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=10000"));
     } else {
-        // The same URL forms as the PHP side: a socket folder may come as ?host=.
-        static const QRegularExpression pattern(QStringLiteral(
-                "^postgres(?:ql)?://(?:([^:@/]*)(?::([^@/]*))?@)?([^:/?]*)(?::(\\d+))?/([^?]*)(?:\\?(.*))?$"));
-        const QRegularExpressionMatch m = pattern.match(url);
-        if (!m.hasMatch()) {
-            *error = QStringLiteral("not a database URL (sqlite:PATH or postgresql://…): %1").arg(url);
-            return false;
-        }
-        const QUrlQuery query(m.captured(6));
-        const auto decoded = [](const QString &text) { return QUrl::fromPercentEncoding(text.toUtf8()); };
         db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), m_connection);
-        db.setDatabaseName(decoded(m.captured(5)));
-        db.setHostName(query.hasQueryItem(QStringLiteral("host")) ? query.queryItemValue(QStringLiteral("host"), QUrl::FullyDecoded)
-                                                                  : decoded(m.captured(3)));
-        const QString port = query.hasQueryItem(QStringLiteral("port")) ? query.queryItemValue(QStringLiteral("port")) : m.captured(4);
-        if (!port.isEmpty())
-            db.setPort(port.toInt());
-        db.setUserName(!m.captured(1).isEmpty() ? decoded(m.captured(1)) : query.queryItemValue(QStringLiteral("user"), QUrl::FullyDecoded));
-        db.setPassword(decoded(m.captured(2)));
+        db.setDatabaseName(parts.dbname);
+        db.setHostName(parts.host);
+        if (!parts.port.isEmpty())
+            db.setPort(parts.port.toInt());
+        db.setUserName(parts.user);
+        db.setPassword(parts.password);
         m_postgres = true;
     }
     if (!db.isValid()) {

@@ -7,8 +7,6 @@
 #include <quazip.h>
 #include <quazipfile.h>
 
-static const char dumpMagic[] = "VELMORA-CRASH ";
-
 ReportStore::ReportStore(const QString &root)
     : m_root(root)
 {
@@ -16,8 +14,18 @@ ReportStore::ReportStore(const QString &root)
 
 bool ReportStore::isReportId(const QString &id)
 {
-    static const QRegularExpression pattern(QStringLiteral("^[0-9]{8}-[0-9a-f]{16}$"));
+    static const QRegularExpression pattern(QRegularExpression::anchoredPattern(QStringLiteral("[0-9]{8}-[0-9a-f]{16}")));
     return pattern.match(id).hasMatch();
+}
+
+bool ReportStore::isDump(const QByteArray &head)
+{
+    if (head.startsWith("VELMORA-CRASH "))
+        return true;
+    if (head.size() < DumpHeadBytes || !head.startsWith("\x7f" "ELF") || (head[5] != 1 && head[5] != 2))
+        return false;
+    const auto byte = [&](int i) { return quint8(head[i]); };
+    return (head[5] == 1 ? byte(16) | byte(17) << 8 : byte(16) << 8 | byte(17)) == 4;
 }
 
 QString ReportStore::path(const QString &id) const
@@ -43,8 +51,6 @@ StoredReport ReportStore::read(const QString &id) const
         report.error = QStringLiteral("the archive holds %1 entries, more than %2").arg(zip.getEntriesCount()).arg(MaxEntries);
         return report;
     }
-    // The dump is the entry that starts as one or, failing that, the first named as one: then
-    // the parser says what is wrong with it.
     QString dumpName;
     for (bool more = zip.goToFirstFile(); more; more = zip.goToNextFile()) {
         QuaZipFile entry(&zip);
@@ -52,12 +58,10 @@ StoredReport ReportStore::read(const QString &id) const
             report.error = QStringLiteral("an entry of the archive cannot be read (error %1)").arg(entry.getZipError());
             return report;
         }
-        if (entry.read(int(sizeof dumpMagic) - 1) == dumpMagic) {
+        if (isDump(entry.read(DumpHeadBytes))) {
             dumpName = zip.getCurrentFileName();
             break;
         }
-        if (dumpName.isEmpty() && zip.getCurrentFileName().endsWith(QLatin1String(".dmp")))
-            dumpName = zip.getCurrentFileName();
     }
     if (!dumpName.isEmpty() && zip.setCurrentFile(dumpName)) {
         QuaZipFile entry(&zip);

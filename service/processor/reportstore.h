@@ -21,10 +21,15 @@ class ReportStore
 {
 public:
     static constexpr int MaxEntries = 16;
+    // How much of an entry tells whether it is the crash dump.
+    static constexpr int DumpHeadBytes = 18;
 
     explicit ReportStore(const QString &root);
 
     static bool isReportId(const QString &id);
+    // The crash dump is the entry that starts as one: a text dump (formats 1 and 2), or an ELF
+    // core (format 3), whose e_type is read in the byte order its header gives.
+    static bool isDump(const QByteArray &head);
     QString path(const QString &id) const;
     StoredReport read(const QString &id) const;
 

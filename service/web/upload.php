@@ -6,6 +6,7 @@ require __DIR__ . '/lib/config.php';
 require __DIR__ . '/lib/db.php';
 require __DIR__ . '/lib/store.php';
 require __DIR__ . '/lib/archive.php';
+require __DIR__ . '/lib/reports.php';
 
 const FILE_FIELD = 'dumpfile';
 const FIELD_NAME_MAX_BYTES = 64;
@@ -35,8 +36,8 @@ function checkFormWasWhole(): void
         throw new Refusal(413, 'Report refused: the upload is over the limit of ' . serviceConfig()['max_bytes'] . ' bytes.');
 }
 
-// The plain form fields as a JSON object: strings only, each short and in UTF-8.
-function checkedFields(array $post): string
+// The plain form fields: strings only, each short and in UTF-8.
+function checkedFields(array $post): array
 {
     foreach ($post as $name => $value) {
         $name = (string) $name;
@@ -48,7 +49,7 @@ function checkedFields(array $post): string
         if (!preg_match('//u', $name) || !preg_match('//u', $value))
             throw new Refusal(400, 'Report refused: a form field is not UTF-8 text.');
     }
-    return json_encode((object) $post, JSON_UNESCAPED_SLASHES | JSON_UNESCAPED_UNICODE | JSON_THROW_ON_ERROR);
+    return $post;
 }
 
 // A field name put back into the answer line, short and in printable ASCII.
@@ -96,9 +97,8 @@ function accept(): string
     $id = newReportId();
     [$size, $sha256] = $store->put($id, $archive);
     try {
-        $db->prepare('INSERT INTO reports (id, received_at, client_addr, fields, version, description, size, sha256)'
-                     . ' VALUES (?, ?, ?, ?, ?, ?, ?, ?)')
-           ->execute([$id, time(), $_SERVER['REMOTE_ADDR'] ?? '', $fields, $version, $description, $size, $sha256]);
+        insertReports($db, [['id' => $id, 'received_at' => time(), 'client_addr' => $_SERVER['REMOTE_ADDR'] ?? '', 'fields' => $fields,
+                             'version' => $version, 'description' => $description, 'size' => $size, 'sha256' => $sha256]]);
     } catch (Throwable $e) {
         // Without its row the archive is no report: it must not stay behind as one.
         $store->remove($id);

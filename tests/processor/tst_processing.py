@@ -17,6 +17,7 @@ import unittest
 import zipfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'service'))
+import servicefixture  # noqa: E402
 from servicefixture import HANG_SECONDS, ROOT, Postgres, free_port, query  # noqa: E402
 
 PROCESSOR = os.environ['PROCESSOR']
@@ -222,7 +223,7 @@ class Processing(unittest.TestCase):
         frames = segv.count('\nframe ')
         rows = [
             ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
-            ('garbage', os.urandom(4096), 'failed', 'not a crash dump'),
+            ("garbage under a dump's name", os.urandom(4096), 'done', 'EMPTY: no crash dump'),
             ('a million frames', segv.replace('module:', ''.join('frame %d: 0x1\n' % i for i in range(frames, 10 ** 6)) + 'module:', 1),
              'done', '@0x'),
             ('a 10 MB line', segv.replace('\npid:', '\nx: ' + 'x' * (10 << 20) + '\npid:'), 'done', 'crash'),
@@ -315,6 +316,40 @@ class Processing(unittest.TestCase):
         finally:
             postgres.stop()
 
+    def test_loader_writes_the_same_rows(self):
+        """Reports uploaded to the service and processed, then loaded by scripts/load-reports.php as
+        they came out: the loader's rows are the endpoint's and the processor's."""
+        service = servicefixture.Service(self.tmp, '--rate-limit', '0').start()
+        try:
+            for version, dump in (('3.0.0', self.dumps['segv']), ('3.0.0', self.dumps['segv']), ('3.0.1', self.dumps['fpe']),
+                                  ('3.0.1', None), ('3.0.1', self.dumps['segv'].replace('CRASH 2', 'CRASH 9'))):
+                data = servicefixture.archive('[General]\nversion=%s\n' % version, dump or b'')
+                fields = {'product': 'Velmora 3', 'os': 'linux/x86_64 ü'}
+                self.assertEqual(servicefixture.exchange(service.port, servicefixture.upload_request(data, fields))[0], 200)
+        finally:
+            service.stop()
+        run(PROCESSOR, '--db', service.db, '--store', service.store, '--drain', '--symbols', self.symbols,
+            *self.libc_symbols).check_returncode()
+
+        def tables(url):
+            # Without what the loader cannot know: the archive (it makes none here) and the time of processing.
+            return {table: [{key: json.loads(value) if key == 'frames' else value for key, value in row.items()
+                             if key not in ('size', 'sha256', 'processed_at')} for row in query(url, 'SELECT * FROM ' + table + ' ORDER BY 1, 2, 3')]
+                    for table in ('reports', 'processed', 'signature_days')}
+        uploaded = tables(service.db)
+        results = {row['report_id']: row for row in uploaded['processed']}
+        listed = [{**report, 'fields': json.loads(report['fields']), 'archive': False,
+                   **({key: results[report['id']][key] for key in ('signature', 'rule_version', 'signal', 'address', 'frames')}
+                      if report['id'] in results else {})}
+                  for report in uploaded['reports']]
+        loaded = self.service()
+        run('php', os.path.join(ROOT, 'scripts/load-reports.php'), '--db', loaded.url, '-', input=json.dumps(listed)).check_returncode()
+        for name, rows in tables(loaded.url).items():
+            with self.subTest(table=name):
+                self.assertEqual(rows, uploaded[name])
+        self.assertEqual(sorted((r['state'], r.get('signature')) for r in listed),
+                         [('done', 'EMPTY: no crash dump'), ('done', 'crash'), ('done', 'crash'), ('done', 'divide_by_zero'), ('failed', None)])
+
     def test_command_lines(self):
         service = self.service()
         rows = [
@@ -339,6 +374,9 @@ class Processing(unittest.TestCase):
         done = run(PROCESSOR, '--db', service.url, '--store', service.store, '--drain')
         self.assertEqual((done.returncode, done.stderr),
                          (1, 'velmora-processor: the database is at schema version %d, this processor knows %d\n' % (known + 1, known)))
+        done = run('php', os.path.join(ROOT, 'service/schema/migrate.php'), service.url)
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, "migrate: the database is at schema %d, newer than this service's %d\n" % (known + 1, known)))
 
 
 if __name__ == '__main__':

@@ -43,12 +43,12 @@ def request(method, path, body=b'', content_type='', length=None):
 
 
 def upload_request(data, fields=FIELDS, files=None):
-    """POST /upload as multipart/form-data; files are (field, bytes), by default the archive as dumpfile."""
+    """POST /upload as multipart/form-data; files are (field, bytes[, file name]), by default the archive as dumpfile."""
     body = b''.join(b'--B\r\nContent-Disposition: form-data; name="%s"\r\n\r\n%s\r\n'
                     % (name.encode(), value if isinstance(value, bytes) else value.encode()) for name, value in fields.items())
-    body += b''.join(b'--B\r\nContent-Disposition: form-data; name="%s"; filename="cv3dump_1.zip"\r\n'
-                     b'Content-Type: application/zip\r\n\r\n%s\r\n' % (name.encode(), content)
-                     for name, content in files or [('dumpfile', data)])
+    body += b''.join(b'--B\r\nContent-Disposition: form-data; name="%s"; filename="%s"\r\n'
+                     b'Content-Type: application/zip\r\n\r\n%s\r\n' % (name.encode(), filename.encode(), content)
+                     for name, content, filename in [(*file, 'cv3dump_1.zip')[:3] for file in files or [('dumpfile', data)]])
     return request('POST', '/upload', body + b'--B--\r\n', 'multipart/form-data; boundary=B')
 
 

@@ -20,8 +20,8 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
-                            query, request, upload_request)
+from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, free_port,
+                            processes, query, request, upload_request)
 
 MAX = 1 << 20
 PLAIN = 'text/plain; charset=utf-8'
@@ -33,6 +33,12 @@ FLIPPED = GOOD.replace(DEFLATED, DEFLATED[:190] + bytes([DEFLATED[190] ^ 0x10]) 
 
 
 warnings.filterwarnings('ignore', 'Duplicate name')  # the row that wants one
+# The examples that tst_processor holds the C++ side to, as PHP sees them.
+FACTS = ('$facts = json_decode(file_get_contents($argv[1]), true);'
+         'echo json_encode(["report_ids" => array_map(fn ($r) => isReportId($r[1]), $facts["report_ids"]),'
+         '"dump_heads" => array_map(fn ($r) => isCrashDump($r[1]), $facts["dump_heads"]),'
+         '"database_urls" => array_map(function ($r) { try { return databaseUrl($r[1]); } catch (InvalidArgumentException) { return null; } },'
+         '$facts["database_urls"])]);')
 
 # Each row: a request, the status and the start of the one line that answers it (None: the
 # connection closes unanswered).
@@ -43,6 +49,9 @@ HOSTILE = [
     ('file as an array', upload_request(0, files=[('dumpfile[]', GOOD)]), 400, 'Report refused: no file in the field "dumpfile".'),
     ('two dumpfile parts', upload_request(0, files=[('dumpfile', GOOD)] * 2), 400, 'Report refused: the upload holds more than one file.'),
     ('another file first', upload_request(0, files=[('x', GOOD), ('dumpfile', GOOD)]), 400, 'Report refused: the upload holds more than one file.'),
+    # A part without a file name is no upload to PHP's max_file_uploads, but an entry in $_FILES.
+    ('an empty file part first', upload_request(0, files=[('x', b'', ''), ('dumpfile', GOOD)]), 400,
+     'Report refused: the upload holds more than one file.'),
     ('not a zip', upload_request(b'MZ' + os.urandom(4000)), 422, 'Report refused: the file is not a readable zip archive.'),
     ('an entry twice', upload_request(archive(extra=[('client.log', b'again')])), 422, 'Report refused: the file is not a readable zip archive.'),
     ('one flipped bit', upload_request(FLIPPED), 422, 'Report refused: entry 1 of the archive is damaged.'),
@@ -85,7 +94,8 @@ class ServiceTest(unittest.TestCase):
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
         for data, fields, version, description in [(archive(escaped), {'product': 'Velmora ü'}, '3.0.1', 'Crash, then "été" ☺'),
-                                                   (archive('[Other]\nversion=9\n'), {}, '', '')]:
+                                                   (archive('[Other]\nversion=9\n'), {}, '', ''),
+                                                   (archive(extra=[('e%d' % i, b'') for i in range(13)]), FIELDS, '3.0.0', 'It crashed.')]:
             with self.subTest(description):
                 status, content_type, line = exchange(service.port, upload_request(data, fields))
                 self.assertEqual(content_type, PLAIN)
@@ -97,6 +107,27 @@ class ServiceTest(unittest.TestCase):
                                  (fields, version, description, len(data), hashlib.sha256(data).hexdigest(), 'new', '127.0.0.1'))
                 with open(service.stored()[0][report], 'rb') as stored:
                     self.assertEqual(stored.read(), data)
+
+    def test_facts(self):
+        with open(os.path.join(ROOT, 'tests/data/facts.json')) as f:
+            facts = json.load(f)
+        del facts['about']
+        libraries = ''.join('require "%s/service/web/lib/%s.php";' % (ROOT, name) for name in ('db', 'store', 'archive'))
+        done = subprocess.run(['php', '-d', 'display_errors=stderr', '-r', libraries + FACTS, os.path.join(ROOT, 'tests/data/facts.json')],
+                              check=True, capture_output=True, text=True, timeout=HANG_SECONDS)
+        self.assertEqual(done.stderr, '')
+        found = json.loads(done.stdout)
+        # nginx's report locations capture the id with their own copy of its form.
+        with open(os.path.join(ROOT, 'service/conf/locations/crashes.conf.in')) as f:
+            locations = re.findall(r'\(\?<report_id>([^)]*)\)', f.read())
+        self.assertEqual(len(locations), 2)
+        for fact, rows in facts.items():
+            for (name, example, expected), answer in zip(rows, found[fact]):
+                with self.subTest(fact=fact, example=name):
+                    self.assertEqual(answer, expected)
+                    if fact == 'report_ids':
+                        self.assertEqual([bool(re.fullmatch(form, example)) for form in locations], [expected] * 2)
+        self.assertEqual({fact: len(rows) for fact, rows in found.items()}, {fact: len(rows) for fact, rows in facts.items()})
 
     def test_life(self):
         service = self.start('--keep-days', '30', '--rate-limit', '2')

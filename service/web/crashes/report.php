@@ -3,13 +3,13 @@
 // id the sender's window showed; the whole line "Report … received" may be pasted.
 declare(strict_types=1);
 require __DIR__ . '/../lib/html.php';
+require __DIR__ . '/../lib/archive.php';
 
 const LOG_MAX_BYTES = 64 * 1024;
-const DUMP_MAGIC = 'VELMORA-CRASH';
 
 function findReport(PDO $db, string $text): never
 {
-    if (!preg_match('/[0-9]{8}-[0-9a-f]{16}/i', $text, $match))
+    if (!preg_match('/' . REPORT_ID_FORM . '/i', $text, $match))
         throw new PageError(400, 'A report id is 8 digits, a dash and 16 hex digits, like 20261124-0123456789abcdef; "'
                             . shortened($text, 80) . '" holds none.');
     $id = strtolower($match[0]);
@@ -40,7 +40,7 @@ function readLog(string $path): ?array
             while (strlen($text) < LOG_MAX_BYTES && ($chunk = fread($stream, LOG_MAX_BYTES - strlen($text))) !== false && $chunk !== '')
                 $text .= $chunk;
             fclose($stream);
-            if (!str_starts_with($text, DUMP_MAGIC))
+            if (!isCrashDump($text))
                 return ['name' => $stat['name'], 'size' => $stat['size'], 'text' => $text];
         }
         return null;

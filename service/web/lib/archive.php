@@ -16,6 +16,35 @@ const INFO_INI_MAX_BYTES = 64 * 1024;
 const VERSION_MAX_CHARS = 128;
 const DESCRIPTION_MAX_CHARS = 4000;
 
+// How much of an entry tells whether it is the crash dump.
+const DUMP_HEAD_BYTES = 18;
+
+// The crash dump is the entry that starts as one: a text dump (formats 1 and 2), or an ELF core
+// (format 3), whose e_type is read in the byte order its header gives.
+function isCrashDump(string $head): bool
+{
+    if (str_starts_with($head, 'VELMORA-CRASH '))
+        return true;
+    if (strlen($head) < DUMP_HEAD_BYTES || !str_starts_with($head, "\x7fELF") || ($head[5] !== "\1" && $head[5] !== "\2"))
+        return false;
+    return unpack($head[5] === "\1" ? 'v' : 'n', $head, 16)[1] === 4;
+}
+
+// The index of the archive's crash dump, or null when it holds none.
+function dumpEntry(ZipArchive $zip): ?int
+{
+    for ($i = 0; $i < $zip->count(); ++$i) {
+        $stream = $zip->getStreamIndex($i);
+        if ($stream === false)
+            continue;
+        $head = (string) stream_get_contents($stream, DUMP_HEAD_BYTES);
+        fclose($stream);
+        if (isCrashDump($head))
+            return $i;
+    }
+    return null;
+}
+
 // Every entry is inflated as a stream and its real bytes are counted against the caps and checked
 // against its stated size and CRC-32, so a damaged archive or a zip bomb is refused and no entry
 // is ever written out under its own name. Returns info.ini's version and description.

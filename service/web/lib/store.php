@@ -2,18 +2,20 @@
 // The archive store: one file per report, found from the report's id alone.
 declare(strict_types=1);
 
-const REPORT_ID_PATTERN = '/^[0-9]{8}-[0-9a-f]{16}$/D';
+// A report id: its UTC day of receipt, a dash and 64 bits in lowercase hex. nginx's locations
+// for report pages spell it once more, in service/conf/locations/crashes.conf.in.
+const REPORT_ID_FORM = '[0-9]{8}-[0-9a-f]{16}';
 
 // The UTC date of receipt and 64 random bits: unique across any number of collectors
-// without asking anyone.
-function newReportId(): string
+// without asking anyone. $bits fixes the 8 bytes, for made-up reports that must come out alike.
+function newReportId(?int $receivedAt = null, ?string $bits = null): string
 {
-    return gmdate('Ymd') . '-' . bin2hex(random_bytes(8));
+    return gmdate('Ymd', $receivedAt ?? time()) . '-' . bin2hex($bits ?? random_bytes(8));
 }
 
 function isReportId(string $id): bool
 {
-    return preg_match(REPORT_ID_PATTERN, $id) === 1;
+    return preg_match('/^' . REPORT_ID_FORM . '$/D', $id) === 1;
 }
 
 // The store has no room left: the upload may be tried again once it has.
