@@ -2,6 +2,7 @@
 #include "formget.h"
 #include "formpost.h"
 #include "httpserver.h"
+#include "waits.h"
 
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -271,7 +272,7 @@ void tst_ErrorReport::bodies()
     QSignalSpy received(&server, &HttpServer::requestReceived);
     const uint before = uint(QDateTime::currentSecsSinceEpoch());
     form.post(server.url("/crash/submit?id=7"));
-    QVERIFY(received.wait());
+    QVERIFY(received.wait(scaled(5000)));
     const uint after = uint(QDateTime::currentSecsSinceEpoch());
     const HttpServer::Request r = server.requests.last();
     const QByteArray boundary = r.header("Content-Type").mid(30);
@@ -300,9 +301,9 @@ void tst_ErrorReport::answers()
     FormPost post;
     for (const QByteArray path : {"/answer", "/error", "/drop"}) {
         const QString url = "http://reporter:pw@127.0.0.1:" + QString::number(server.serverPort()) + path;
-        QVERIFY(QSignalSpy(get.get(url), &QNetworkReply::finished).wait());
+        QVERIFY(QSignalSpy(get.get(url), &QNetworkReply::finished).wait(scaled(5000)));
         QCOMPARE(server.requests.last().header("Host"), "reporter:pw@127.0.0.1:" + QByteArray::number(server.serverPort()));
-        QVERIFY(QSignalSpy(post.post(url), &QNetworkReply::finished).wait());
+        QVERIFY(QSignalSpy(post.post(url), &QNetworkReply::finished).wait(scaled(5000)));
         const HttpServer::Response answer = server.responses.value(path);
         QCOMPARE(get.data() + '|' + post.data(), answer.hangUp ? "|" : answer.body + '|' + answer.body);
     }
@@ -350,7 +351,7 @@ void tst_ErrorReport::languages()
     Session s;
     s.window.reset(new ErrorReport(s.arguments));
     QStringList texts{s.window->windowTitle(), s.label("infoLabel")->text(), s.label("questionLabel")->text()};
-    QTRY_COMPARE(s.lines().size(), 2);
+    TRY_COMPARE(s.lines().size(), 2);
     texts << s.label("questionLabel")->text() << s.lines().at(1);
     texts << s.button(QDialogButtonBox::Yes)->text();
     const bool rtl = QStringList{"ar", "fa", "he"}.contains(language);
@@ -509,9 +510,9 @@ void tst_ErrorReport::outcome()
         answer();
     QCOMPARE(s.look(), asked + "|Yes|No");
     // Done with the post-info file once there is an archive, or a warning, or the window has finished.
-    QTRY_VERIFY(!s.archive().isEmpty() || !logged.isEmpty() || !s.button(QDialogButtonBox::Close)->isHidden());
+    TRY_VERIFY(!s.archive().isEmpty() || !logged.isEmpty() || !s.button(QDialogButtonBox::Close)->isHidden());
     answer();
-    QTRY_COMPARE(s.lines(), lines);
+    TRY_COMPARE(s.lines(), lines);
     QCOMPARE(s.look(), look);
     // The user closes the window at the end, whatever happened before; that adds nothing.
     s.window->close();
@@ -579,7 +580,7 @@ void tst_ErrorReport::nothingLost()
         signal(SIGXFSZ, SIG_DFL);
     });
     s.open();
-    QTRY_VERIFY(!s.archive().isEmpty());
+    TRY_VERIFY(!s.archive().isEmpty());
     s.window->close();
     QCOMPARE(contents(s.dumpFolder + QStringLiteral("/crash.dmp")), noise);
     QVERIFY(contents(s.dumpFolder + QStringLiteral("/info.ini")).contains("description=" + described.toUtf8()));
