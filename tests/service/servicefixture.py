@@ -98,8 +98,9 @@ def processes(service, name):
 
 
 class Service:
-    def __init__(self, workdir, *options, db=None, store=None):
+    def __init__(self, workdir, *options, db=None, store=None, env=None):
         self.port = None
+        self.env = env and dict(os.environ, **env)
         self.data = tempfile.mkdtemp(prefix='service-', dir=workdir)
         self.store = store or os.path.join(self.data, 'raw')
         self.db = db or 'sqlite:' + os.path.join(self.data, 'reports.sqlite')
@@ -114,7 +115,8 @@ class Service:
         had, when it can); its errors go to the test's stderr."""
         def on(port):
             self.port = port
-            self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                            env=self.env)
             said = []
             passed_on = threading.Thread(target=lambda: [said.append(line) or sys.stderr.write(line) for line in self.process.stderr])
             passed_on.start()
