@@ -118,20 +118,24 @@ class Service:
             self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                             env=self.env)
             said = []
-            passed_on = threading.Thread(target=lambda: [said.append(line) or sys.stderr.write(line) for line in self.process.stderr])
-            passed_on.start()
+            self.passed_on = threading.Thread(target=lambda: [said.append(line) or sys.stderr.write(line) for line in self.process.stderr],
+                                              daemon=True)
+            self.passed_on.start()
             if any(line.startswith('Service on') for line in self.process.stdout):
                 return self
             self.process.wait(HANG_SECONDS)
-            passed_on.join(HANG_SECONDS)
+            self.passed_on.join(HANG_SECONDS)
             if 'port %d on 127.0.0.1 is taken' % port not in ''.join(said):
                 raise RuntimeError('the service did not start')
         return (self.port and on(self.port)) or start_on_a_port(on)
 
     def stop(self):
         if self.process.returncode is None:
+            # run.sh returns once all it started has ended; its stderr is still being passed on.
             self.process.send_signal(signal.SIGTERM)
-            self.process.communicate(timeout=HANG_SECONDS)
+            self.process.wait(HANG_SECONDS)
+            self.process.stdout.close()
+            self.passed_on.join(HANG_SECONDS)
 
     def rows(self):
         return {row['id']: row for row in query(self.db, 'SELECT * FROM reports')}
