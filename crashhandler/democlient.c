@@ -3,6 +3,7 @@
 #define _GNU_SOURCE
 #include "crashhandler.h"
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <limits.h>
 #include <pthread.h>
@@ -32,6 +33,7 @@ static volatile unsigned long recursion_limit = ULONG_MAX;
 
 static sem_t second_crash;
 static int racing;
+static volatile pid_t second_thread_id;
 
 #if defined(__x86_64__)
 /* Writes to address 0 from code whose unwind information is damaged (a CFA expression with an
@@ -92,6 +94,7 @@ static void *worker(void *unused)
 static void *second_thread(void *unused)
 {
     (void)unused;
+    second_thread_id = gettid();
     while (sem_wait(&second_crash) != 0) {}
     divide_by_zero();
     return NULL;
@@ -127,16 +130,48 @@ static void crash(const char *kind)
     }
 }
 
+/* Whether a thread is inside a handler of signo: the crash handler blocks every signal while it
+   runs, which /proc shows as that thread's SigBlk mask. Only open, read and close, as a signal
+   handler may call. */
+static int handling(pid_t thread, int signo)
+{
+    char path[64] = "/proc/self/task/", digits[16];
+    size_t at = strlen(path), n = 0;
+    do
+        digits[n++] = (char)('0' + thread % 10);
+    while ((thread /= 10) > 0);
+    while (n > 0)
+        path[at++] = digits[--n];
+    memcpy(path + at, "/status", sizeof "/status");
+    char status[4096];
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    ssize_t size = fd >= 0 ? read(fd, status, sizeof status - 1) : -1;
+    if (fd >= 0)
+        close(fd);
+    if (size <= 0)
+        return 0;
+    status[size] = '\0';
+    const char *mask = strstr(status, "\nSigBlk:\t");
+    if (!mask)
+        return 0;
+    /* 16 hex digits, the signal numbered n at bit n - 1, counted from the right. */
+    const char digit = mask[strlen("\nSigBlk:\t") + 15 - (signo - 1) / 4];
+    const int value = digit >= 'a' ? digit - 'a' + 10 : digit - '0';
+    return (value >> ((signo - 1) % 4)) & 1;
+}
+
 /* The client's own handler, there before the crash handler: it learns of the crash after the
-   report is on its way, then lets the crash take its course. */
+   report is on its way, then lets the crash take its course; racing, only once the second
+   thread's crash has reached the crash handler. */
 static void own_handler(int signo)
 {
     static const char line[] = "velmora-democlient: its own handler got the crash\n";
     if (write(STDERR_FILENO, line, sizeof line - 1) < 0) {}
     if (racing) {
         sem_post(&second_crash);
-        struct timespec pause = { 1, 0 };
-        nanosleep(&pause, NULL);
+        struct timespec nap = { 0, 1000 * 1000 };
+        while (!handling(second_thread_id, SIGFPE))
+            nanosleep(&nap, NULL);
     }
     signal(signo, SIG_DFL);
 }

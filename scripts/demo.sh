@@ -60,12 +60,13 @@ fail() {
 }
 
 # Polls until the command succeeds; the bound only catches a hang, it is never reached normally.
+# The test suite stretches it by its factor (TEST_TIMEOUT_FACTOR) for slower builds.
 wait_for() {
     local what=$1 watched=$2; shift 2
     local tries=0
     until "$@" >/dev/null 2>&1; do
         kill -0 "$watched" 2>/dev/null || fail "stopped while waiting for $what"
-        [ $((tries += 1)) -lt 600 ] || fail "gave up waiting for $what"
+        [ $((tries += 1)) -lt $((600 * ${TEST_TIMEOUT_FACTOR:-1})) ] || fail "gave up waiting for $what"
         sleep 0.2
     done
 }

@@ -16,8 +16,9 @@ profile=$(mktemp -d)
 trap 'rm -rf "$profile"' EXIT
 rm -f "$out"
 # The login goes in the URL: headless chromium takes it for the whole site, and the service
-# is on loopback here. --no-sandbox, since the demo may run as root.
-chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --user-data-dir="$profile" \
+# is on loopback here. --no-sandbox, since the demo may run as root. A home of its own keeps
+# its crash database and settings apart from any other chromium running at the same time.
+HOME=$profile chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --user-data-dir="$profile" \
     --window-size=1200,1000 --screenshot="$out" \
     "${base%%://*}://admin:$password@${base#*://}/crashes/report/$id" >"$profile/chromium.log" 2>&1 || true
 [ -s "$out" ] || { tail -n 5 "$profile/chromium.log" >&2; echo "${0##*/}: no screenshot was made" >&2; exit 1; }

@@ -9,9 +9,9 @@ apt-get install -y --no-install-recommends \
     qtbase5-dev qttools5-dev qttools5-dev-tools qttranslations5-l10n \
     libquazip1-qt5-dev \
     php-cli php-zip unzip python3 xvfb xauth xdotool imagemagick fonts-dejavu-core procps \
-    dpkg-dev lintian \
+    dpkg-dev lintian iproute2 \
     time hyperfine curl libxcb1-dev cloc \
     nginx-light php-fpm php-sqlite3 php-pgsql postgresql openssl wrk \
-    elfutils libdw-dev libdebuginfod-dev debuginfod libc6-dbg lld strace \
+    elfutils libdw-dev libdebuginfod-dev debuginfod libc6-dbg lld strace faketime \
     libqt5sql5-sqlite libqt5sql5-psql \
     chromium chromium-driver python3-selenium

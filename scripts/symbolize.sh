@@ -10,6 +10,8 @@
 # debuginfod (DEBUGINFOD_URLS). A file there whose build ID differs from the one the dump
 # recorded is named on stderr: its frames would name the wrong functions.
 set -euo pipefail
+# eu-readelf's output is parsed below: its words, untranslated.
+export LC_ALL=C
 dump=$(mktemp)
 maps=$(mktemp)
 trap 'rm -f "$dump" "$maps"' EXIT

@@ -18,7 +18,7 @@ import zipfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'service'))
 import servicefixture  # noqa: E402
-from servicefixture import HANG_SECONDS, ROOT, Postgres, free_port, query  # noqa: E402
+from servicefixture import HANG_SECONDS, ROOT, Postgres, query, start_on_a_port  # noqa: E402
 
 PROCESSOR = os.environ['PROCESSOR']
 DEMOCLIENT = os.environ['DEMOCLIENT']
@@ -195,15 +195,29 @@ class Processing(unittest.TestCase):
         served = os.path.join(self.tmp, 'served')
         os.makedirs(served, exist_ok=True)
         shutil.copy(DEMOCLIENT, served)
-        port = free_port()
-        server = subprocess.Popen(['debuginfod', '-F', served, '-p', str(port), '-d', os.path.join(self.tmp, 'debuginfod.sqlite')],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        try:
+        log = os.path.join(self.tmp, 'debuginfod.log')
+
+        def serve(port):
+            """debuginfod on the port once it serves the client's debug file; None if the port is taken."""
+            with open(log, 'w') as errors:
+                server = subprocess.Popen(['debuginfod', '-F', served, '-p', str(port), '-d', os.path.join(self.tmp, 'debuginfod.sqlite')],
+                                          stdout=subprocess.DEVNULL, stderr=errors)
             url = 'http://127.0.0.1:%d' % port
             deadline = time.monotonic() + HANG_SECONDS
             while run('curl', '-sf', '--noproxy', '*', '-o', '/dev/null', '%s/buildid/%s/debuginfo' % (url, self.build_id)).returncode:
-                self.assertLess(time.monotonic(), deadline, 'debuginfod did not index the client')
+                if server.poll() is not None:
+                    with open(log) as f:
+                        said = f.read()
+                    self.assertIn('cannot start http server at port %d' % port, said)
+                    return None
+                if time.monotonic() > deadline:
+                    server.kill()
+                    server.wait()
+                    self.fail('debuginfod did not index the client')
                 time.sleep(0.2)
+            return server, url
+        server, url = start_on_a_port(serve)
+        try:
             cache = tempfile.mkdtemp(dir=self.tmp)
             service = self.service()
             report = service.add(self.dumps['segv'])
@@ -219,20 +233,13 @@ class Processing(unittest.TestCase):
         client_path = re.search(r'^module: \S+ \S+ (.*velmora-democlient)$', segv, re.M).group(1)
         unstripped = os.path.join(self.tmp, 'unstripped')
         shutil.copy(DEMOCLIENT, unstripped)
-        frame0 = re.search(r'^frame 0: .*$', segv, re.M).group(0)
-        frames = segv.count('\nframe ')
         rows = [
             ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
             ("garbage under a dump's name", os.urandom(4096), 'done', 'EMPTY: no crash dump'),
-            ('a million frames', segv.replace('module:', ''.join('frame %d: 0x1\n' % i for i in range(frames, 10 ** 6)) + 'module:', 1),
-             'done', '@0x'),
-            ('a 10 MB line', segv.replace('\npid:', '\nx: ' + 'x' * (10 << 20) + '\npid:'), 'done', 'crash'),
             ('a module path of /etc/shadow', segv.replace(client_path, '/etc/shadow'), 'done', 'crash'),
             ('a dump path to debug info, no build ID', segv.replace(self.build_id + ' ' + client_path, 'none ' + unstripped)
              .replace(client_path, unstripped), 'done', 'unstripped@0x'),
             ('a wrong build ID', segv.replace(self.build_id, 'ab' * 20).replace(client_path, unstripped), 'done', 'unstripped@0x'),
-            ('absurd addresses', segv.replace(frame0, 'frame 0: 0xffffffffffffffff'), 'done', '@0xffffffffffffffff'),
-            ('a format from the future', segv.replace('VELMORA-CRASH 2', 'VELMORA-CRASH 9'), 'failed', 'version 9 is not known'),
             ('no dump', None, 'done', 'EMPTY: no crash dump'),
             ('no zip', b'PK\x03\x04 not a zip', 'failed', 'cannot be opened as a zip'),
         ]
@@ -257,7 +264,10 @@ class Processing(unittest.TestCase):
                         hung.wait_for_request(self)
                         worker.kill()
                         worker.wait()
-                    time.sleep(2.1)  # leases end on whole seconds
+                    # Until the lease has run out, on the whole second that the processor reads.
+                    lease = service.sql('SELECT lease_until FROM reports')[0]['lease_until']
+                    while int(time.time()) <= lease:
+                        time.sleep(0.05)
                 service.drain('--symbols', self.symbols, *self.libc_symbols)
                 result = service.show(report)
                 self.assertEqual((result['state'], result['attempts']), (state, kills + (state == 'done')))

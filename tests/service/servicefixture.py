@@ -1,28 +1,45 @@
-"""The real service for tests: service/run.sh on a free loopback port with a data folder of
-its own and, when asked, a private PostgreSQL; each stops what it started. Also builds
+"""The real service for tests: service/run.sh on a loopback port of its own with a data folder of
+its own and, when asked, a private PostgreSQL on its socket alone; each stops what it started. Also builds
 report archives and raw requests, and reads back the rows and the store."""
 import http.client
 import io
 import json
 import os
+import random
 import re
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
+import threading
 import zipfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 RUN_SH = os.path.join(ROOT, 'service/run.sh')
-HANG_SECONDS = 60  # only a hang ever waits this long
+# Only a hang ever waits this long; the sanitizer build stretches it as it stretches the test's limit.
+TIMEOUT_FACTOR = int(os.environ.get('TEST_TIMEOUT_FACTOR') or 1)
+HANG_SECONDS = 60 * TIMEOUT_FACTOR
+PORT_TRIES = 20
 INFO_INI = '[General]\nversion=3.0.0\ndescription=It crashed.\n'
 FIELDS = {'product': 'Velmora 3', 'channel': 'stable', 'os': 'linux'}
 
 
-def free_port():
-    with socket.create_server(('127.0.0.1', 0)) as s:
-        return s.getsockname()[1]
+def random_port():
+    """A port to try: the server that is given it says when it is taken, and is then given another.
+    Below Linux's ephemeral range, so that no client's own end holds it."""
+    return random.randrange(10000, 32768)
+
+
+def start_on_a_port(start):
+    """Calls start(port) on random ports until it returns something other than None (None: the
+    port was taken), PORT_TRIES times at most."""
+    for _ in range(PORT_TRIES):
+        started = start(random_port())
+        if started is not None:
+            return started
+    raise RuntimeError('%d ports tried, all taken' % PORT_TRIES)
 
 
 def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\n', extra=(), method=zipfile.ZIP_DEFLATED):
@@ -81,25 +98,44 @@ def processes(service, name):
 
 
 class Service:
-    def __init__(self, workdir, *options, db=None, store=None):
-        self.port = free_port()
-        self.data = os.path.join(workdir, 'service-%d' % self.port)
+    def __init__(self, workdir, *options, db=None, store=None, env=None):
+        self.port = None
+        self.env = env and dict(os.environ, **env)
+        self.data = tempfile.mkdtemp(prefix='service-', dir=workdir)
         self.store = store or os.path.join(self.data, 'raw')
         self.db = db or 'sqlite:' + os.path.join(self.data, 'reports.sqlite')
-        self.options = ['--port', str(self.port), '--data', self.data, '--db', self.db, '--store', self.store,
-                        '--processors', '0', *options]
+        self.extra = ['--db', self.db, '--store', self.store, '--processors', '0', *options]
+
+    @property
+    def options(self):
+        return ['--port', str(self.port), '--data', self.data, *self.extra]
 
     def start(self):
-        """Starts run.sh and returns once it says it serves; its errors go to the test's stderr."""
-        self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, text=True)
-        if not any(line.startswith('Service on') for line in self.process.stdout):
-            raise RuntimeError('the service did not start')
-        return self
+        """Starts run.sh and returns once it says it serves, on a port it found free (the one it
+        had, when it can); its errors go to the test's stderr."""
+        def on(port):
+            self.port = port
+            self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                            env=self.env)
+            said = []
+            self.passed_on = threading.Thread(target=lambda: [said.append(line) or sys.stderr.write(line) for line in self.process.stderr],
+                                              daemon=True)
+            self.passed_on.start()
+            if any(line.startswith('Service on') for line in self.process.stdout):
+                return self
+            self.process.wait(HANG_SECONDS)
+            self.passed_on.join(HANG_SECONDS)
+            if 'port %d on 127.0.0.1 is taken' % port not in ''.join(said):
+                raise RuntimeError('the service did not start')
+        return (self.port and on(self.port)) or start_on_a_port(on)
 
     def stop(self):
         if self.process.returncode is None:
+            # run.sh returns once all it started has ended; its stderr is still being passed on.
             self.process.send_signal(signal.SIGTERM)
-            self.process.communicate(timeout=HANG_SECONDS)
+            self.process.wait(HANG_SECONDS)
+            self.process.stdout.close()
+            self.passed_on.join(HANG_SECONDS)
 
     def rows(self):
         return {row['id']: row for row in query(self.db, 'SELECT * FROM reports')}
@@ -120,11 +156,11 @@ class Postgres:
         self.owner = ['runuser', '-u', 'postgres', '--'] if os.geteuid() == 0 else []
         if self.owner:
             shutil.chown(self.dir, 'postgres')
-        port = free_port()
-        self.url = 'postgresql://postgres@127.0.0.1:%d/postgres' % port
+        # No TCP port at all: the socket in its own folder is no other run's.
+        self.url = 'postgresql://postgres@/postgres?host=' + self.dir
         self.pg('initdb', '-D', self.dir + '/db', '-U', 'postgres', '-A', 'trust')
-        self.pg('pg_ctl', '-D', self.dir + '/db', '-l', self.dir + '/log', '-w', 'start',
-                '-o', '-k %s -p %d -c listen_addresses=127.0.0.1' % (self.dir, port))
+        self.pg('pg_ctl', '-D', self.dir + '/db', '-l', self.dir + '/log', '-w', '-t', str(HANG_SECONDS), 'start',
+                '-o', "-k %s -c listen_addresses=''" % self.dir)
 
     def pg(self, tool, *args):
         subprocess.run(self.owner + ['/usr/lib/postgresql/15/bin/' + tool, *args], check=True,
