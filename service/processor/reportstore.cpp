@@ -1,6 +1,7 @@
 #include "reportstore.h"
 
 #include "crashdump.h"
+#include "minicore.h"
 
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -52,11 +53,14 @@ StoredReport ReportStore::read(const QString &id) const
             report.error = QStringLiteral("an entry of the archive cannot be read (error %1)").arg(entry.getZipError());
             return report;
         }
-        if (entry.read(int(sizeof dumpMagic) - 1) == dumpMagic) {
+        // A text dump's magic, or an ELF core's header (a minicore).
+        const QByteArray start = entry.read(18);
+        if (start.startsWith(dumpMagic) || MiniCore::isCore(start)) {
             dumpName = zip.getCurrentFileName();
             break;
         }
-        if (dumpName.isEmpty() && zip.getCurrentFileName().endsWith(QLatin1String(".dmp")))
+        if (dumpName.isEmpty() && (zip.getCurrentFileName().endsWith(QLatin1String(".dmp"))
+                                   || zip.getCurrentFileName().endsWith(QLatin1String(".core"))))
             dumpName = zip.getCurrentFileName();
     }
     if (!dumpName.isEmpty() && zip.setCurrentFile(dumpName)) {

@@ -5,7 +5,7 @@
 declare(strict_types=1);
 
 // The schema these scripts are written for: the number of the newest file in service/schema/.
-const SCHEMA_VERSION = 3;
+const SCHEMA_VERSION = 4;
 
 // $persistent keeps the connection open in the PHP-FPM worker for its next request: a new
 // PostgreSQL connection costs more than the work of an upload. A name for it keeps it apart
