@@ -59,6 +59,8 @@ Processor::Outcome Processor::processAgain(const QString &id)
 
 Processor::Outcome Processor::process(const Claim &claim, bool again)
 {
+    // Lookups end at half the lease, so that the report is done before another takes it.
+    m_symbolizer.beginReport(QDateTime::currentMSecsSinceEpoch() + qint64(m_leaseSeconds) * 500);
     Result result;
     result.ruleVersion = m_rules.version();
     const StoredReport stored = m_store.read(claim.id);
@@ -83,8 +85,6 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
             return failed(claim, core.error);
         for (const QString &note : core.note.notes)
             qInfo("%s: %s", qUtf8Printable(claim.id), qUtf8Printable(note));
-        // Lookups end at half the lease, so that the report is done before another takes it.
-        m_symbolizer.beginReport(QDateTime::currentMSecsSinceEpoch() + m_leaseSeconds * 500);
         const QVector<ThreadStack> stacks = Unwinder(m_symbolizer).unwind(core);
         int otherFrames = 0;
         for (int i = 0; i < stacks.size(); ++i) {

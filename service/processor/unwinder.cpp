@@ -110,17 +110,18 @@ static int onThread(Dwfl_Thread *thread, void *arg)
     auto session = static_cast<Session *>(arg);
     Walk *walk = &session->walks[session->next - 1];
     if (dwfl_thread_getframes(thread, onFrame, walk) == -1 && walk->result.stop.isEmpty())
-        walk->result.stop = QString::fromUtf8(dwfl_errmsg(-1));
+        walk->result.stop = dwfl_errno() ? QString::fromUtf8(dwfl_errmsg(-1)) : QStringLiteral("the walk ended early");
     return DWARF_CB_OK;
 }
 
-// Where the walk ended on an error (no call-frame information for a module), the crashing
-// thread goes on with the return addresses the handler found in the process, from the frame
-// where both agree: no report is to come out worse than the handler's own list.
+// Where the walk ended early (no call-frame information for a module, a stack left out) and
+// short of the handler's list, the crashing thread goes on with the return addresses the
+// handler found in the process, from the frame where both agree: no report is to come out
+// worse than that list.
 static void fallBack(const CrashDump &note, Walk *walk)
 {
     QVector<StackAddress> &stack = walk->result.stack;
-    if (walk->result.stop.isEmpty() || !walk->outermost.isEmpty() || note.frames.isEmpty())
+    if (!walk->outermost.isEmpty() || stack.size() >= note.frames.size())
         return;
     int from = -1;
     if (stack.isEmpty()) {
