@@ -19,7 +19,8 @@ const BATCH = 5000;
 // A report as the JSON file gives it; every key may be left out:
 //   id, received_at (Unix seconds, default now), client_addr, fields (object), version,
 //   description, state ('done'), failure, attempts,
-//   signature, signal, address, frames (array, as processed.frames), rule_version  (for 'done'),
+//   signature, signal, address, frames (array, as processed.frames), rule_version, threads (array,
+//   as processed.threads), message, capture  (for 'done'),
 //   log (the client log's text), archive (true: stored, false: none, "removed": aged out).
 function loadListed(PDO $db, ?FileStore $store, array $reports): array
 {
@@ -50,7 +51,9 @@ function loadListed(PDO $db, ?FileStore $store, array $reports): array
         if ($state === 'done') {
             $signature = (string) ($r['signature'] ?? 'EMPTY: no crash dump');
             $processed[] = [$id, $signature, (int) ($r['rule_version'] ?? 1), $r['signal'] ?? null,
-                            $r['address'] ?? null, json_encode($r['frames'] ?? [], JSON_THROW_ON_ERROR), $received + 1];
+                            $r['address'] ?? null, json_encode($r['frames'] ?? [], JSON_THROW_ON_ERROR), $received + 1,
+                            isset($r['threads']) ? json_encode($r['threads'], JSON_THROW_ON_ERROR) : null,
+                            $r['message'] ?? null, $r['capture'] ?? null];
             $key = json_encode([$signature, gmdate('Y-m-d', $received), $version]);
             $days[$key] = ($days[$key] ?? 0) + 1;
         }
@@ -157,7 +160,8 @@ function insertAll(PDO $db, array $reports, array $processed, array $days): void
     $db->beginTransaction();
     insertRows($db, 'reports', ['id', 'received_at', 'client_addr', 'fields', 'version', 'description', 'size', 'sha256',
                                 'state', 'worker', 'lease_until', 'attempts', 'failure', 'archive_removed_at'], $reports);
-    insertRows($db, 'processed', ['report_id', 'signature', 'rule_version', 'signal', 'address', 'frames', 'processed_at'], $processed);
+    insertRows($db, 'processed', ['report_id', 'signature', 'rule_version', 'signal', 'address', 'frames', 'processed_at',
+                                  'threads', 'message', 'capture'], $processed);
     $counts = [];
     foreach ($days as $key => $count)
         $counts[] = [...json_decode($key), $count];

@@ -12,9 +12,18 @@ final class Refusal extends Exception
 }
 
 const ARCHIVE_MAX_ENTRIES = 16;
+const DUMP_MAGIC = 'VELMORA-CRASH ';
 const INFO_INI_MAX_BYTES = 64 * 1024;
 const VERSION_MAX_CHARS = 128;
 const DESCRIPTION_MAX_CHARS = 4000;
+
+// Whether an entry's first bytes (18 suffice) are a crash dump's: a text dump's magic, or an ELF
+// header of type ET_CORE (a minicore).
+function isCrashDumpStart(string $bytes): bool
+{
+    return str_starts_with($bytes, DUMP_MAGIC)
+        || (strlen($bytes) >= 18 && str_starts_with($bytes, "\x7fELF") && unpack('v', $bytes, 16)[1] === 4);
+}
 
 // Every entry is inflated as a stream and its real bytes are counted against the caps and checked
 // against its stated size and CRC-32, so a damaged archive or a zip bomb is refused and no entry
