@@ -87,6 +87,19 @@ def parse_maps(text):
     return maps
 
 
+AUXV_AND_SIGINFO = (NT_AUXV, NT_SIGINFO)
+
+
+def kernel_file_note(desc):
+    """NT_FILE as the kernel writes it: gcore gives byte offsets and a page size of 1."""
+    count, page_size = struct.unpack_from('<QQ', desc)
+    triples = [struct.unpack_from('<QQQ', desc, 16 + 24 * i) for i in range(count)]
+    out = struct.pack('<QQ', count, PAGE)
+    for start, end, offset in triples:
+        out += struct.pack('<QQQ', start, end, offset * page_size // PAGE)
+    return out + desc[16 + 24 * count:]
+
+
 def cut(full, info, extra_lines=''):
     """The minicore of a full core, with the facts gdb gave."""
     loads = [s for s in segments_of(full) if s[0] == 1]
@@ -102,7 +115,9 @@ def cut(full, info, extra_lines=''):
         for name, kind, desc in notes_of(full, offset, filesz):
             if name == b'CORE' and kind == NT_PRSTATUS:
                 threads[struct.unpack_from('<I', desc, 32)[0]] = bytearray(desc)
-            elif name == b'CORE' and kind in (NT_PRPSINFO, NT_AUXV, NT_SIGINFO, NT_FILE):
+            elif name == b'CORE' and kind == NT_FILE:
+                others.append(note(name, kind, kernel_file_note(desc)))
+            elif name == b'CORE' and kind in (NT_PRPSINFO, AUXV_AND_SIGINFO[0], AUXV_AND_SIGINFO[1]):
                 others.append(note(name, kind, desc))
     order = [info['crashed']] + sorted(t for t in threads if t != info['crashed'])
     maps = parse_maps(info['maps'])
@@ -113,7 +128,7 @@ def cut(full, info, extra_lines=''):
         # A stack that overflowed has its pointer just below its mapping.
         mapping = next((m for m in maps if m[0] - PAGE <= sp < m[1]), None)
         if mapping and n < STACKS_KEPT:
-            start = max(mapping[0], sp - RED_ZONE)
+            start = max(mapping[0], (sp - RED_ZONE) & ~(PAGE - 1))
             ranges.append((start, min(mapping[1], start + (CRASHING_STACK if n == 0 else OTHER_STACK))))
     modules = []
     for start, end, perms, offset, path in maps:
