@@ -261,6 +261,7 @@ void tst_Processor::cores_data()
     QTest::addColumn<int>("threads");
     QTest::addColumn<QString>("top");  // the crashing thread's first frames; * marks a symbol table's name
     QTest::addColumn<int>("leftOut");
+    QTest::addColumn<QString>("lastStop");  // why the last thread's walk ended, if early
 
 #if defined(__x86_64__)
     const quint64 loop = quint64(quintptr(&loop_frame));
@@ -285,16 +286,21 @@ void tst_Processor::cores_data()
     good.loads << CoreBuilder::Load{ stack, frames(3), 0x10000 } << CoreBuilder::Load{ other, frames(2), 0x10000 };
     const QByteArray goodCore = good.build();
     const QString loops = QStringLiteral("loop_frame* loop_frame* loop_frame*");
-    QTest::newRow("a minicore of two threads") << goodCore << "" << 2 << loops << 0;
+    QTest::newRow("a minicore of two threads") << goodCore << "" << 2 << loops << 0 << "";
 
     CoreBuilder nullCall = good;
     nullCall.notes[0] = CoreBuilder::thread(101, 11, 0, stack + 8);
     QTest::newRow("a call through a null pointer: from the caller on") << nullCall.build() << "" << 2
-                                                                        << "- loop_frame* loop_frame*" << 0;
+                                                                        << "- loop_frame* loop_frame*" << 0 << "";
     CoreBuilder deep = good;
     deep.loads[0] = CoreBuilder::Load{ stack, frames(500000), 500000 * 16 };
-    QTest::newRow("500,000 frames: the walk stops at 100,000") << deep.build() << "" << 2 << loops
-                                                               << Unwinder::MaxWalked - Unwinder::InnermostKept - Unwinder::OutermostKept;
+    const int deepLeftOut = Unwinder::MaxWalked - Unwinder::InnermostKept - Unwinder::OutermostKept;
+    QTest::newRow("500,000 frames: the walk stops at 100,000") << deep.build() << "" << 2 << loops << deepLeftOut << "";
+    CoreBuilder crowded = deep;
+    for (int i = 0; i < 8; ++i)
+        crowded.notes << CoreBuilder::thread(200 + i, 0, loop + 1, stack);
+    QTest::newRow("nine threads on one deep stack: a budget for the core")
+            << crowded.build() << "" << 10 << loops << deepLeftOut << "all threads reached";
     CoreBuilder fifo = good;
     fifo.notes[2] = velmora(m_fifo);
     char counts[40] = {};
@@ -302,31 +308,31 @@ void tst_Processor::cores_data()
     qToLittleEndian<quint64>(4096, counts + 8);
     const QByteArray file = QByteArray(counts, sizeof counts) + QFile::encodeName(m_fifo) + '\0';
     fifo.notes << CoreBuilder::note("CORE", NT_FILE, file);
-    QTest::newRow("a FIFO at the module's path") << fifo.build() << "" << 2 << loops << 0;
+    QTest::newRow("a FIFO at the module's path") << fifo.build() << "" << 2 << loops << 0 << "";
 
-    QTest::newRow("truncated by a byte") << goodCore.left(goodCore.size() - 1) << "truncated: segment" << 0 << "" << 0;
-    QTest::newRow("cut in the program headers") << goodCore.left(100) << "truncated inside its program headers" << 0 << "" << 0;
-    QTest::newRow("over 16 MiB") << goodCore + QByteArray(16 << 20, '\0') << "over the cap" << 0 << "" << 0;
+    QTest::newRow("truncated by a byte") << goodCore.left(goodCore.size() - 1) << "truncated: segment" << 0 << "" << 0 << "";
+    QTest::newRow("cut in the program headers") << goodCore.left(100) << "truncated inside its program headers" << 0 << "" << 0 << "";
+    QTest::newRow("over 16 MiB") << goodCore + QByteArray(16 << 20, '\0') << "over the cap" << 0 << "" << 0 << "";
     CoreBuilder lying = good;
     lying.notes[2] = lying.notes[2].left(4) + QByteArray("\xff\xff\x00\x00", 4) + lying.notes[2].mid(8);
-    QTest::newRow("a note larger than its segment") << lying.build() << "larger than what is left" << 0 << "" << 0;
+    QTest::newRow("a note larger than its segment") << lying.build() << "larger than what is left" << 0 << "" << 0 << "";
     CoreBuilder crowd = good;
     for (int i = 0; i < 2000; ++i)
         crowd.notes << CoreBuilder::thread(200 + i, 0, loop + 1, other);
-    QTest::newRow("2,000 threads") << crowd.build() << "more than 1024 threads" << 0 << "" << 0;
+    QTest::newRow("2,000 threads") << crowd.build() << "more than 1024 threads" << 0 << "" << 0 << "";
     CoreBuilder headers = good;
     headers.extraHeaders = 0xffff;
-    QTest::newRow("65,535 program headers") << headers.build() << "program headers, more than" << 0 << "" << 0;
+    QTest::newRow("65,535 program headers") << headers.build() << "program headers, more than" << 0 << "" << 0 << "";
     CoreBuilder chatty = good;
     for (int i = 0; i < 10000; ++i)
         chatty.notes << CoreBuilder::note("X", 9, QByteArray());
-    QTest::newRow("10,000 notes") << chatty.build() << "more than 8192 notes" << 0 << "" << 0;
+    QTest::newRow("10,000 notes") << chatty.build() << "more than 8192 notes" << 0 << "" << 0 << "";
     CoreBuilder overlap = good;
     overlap.loads[1].address = stack + 0x8000;
-    QTest::newRow("overlapping segments") << overlap.build() << "overlap" << 0 << "" << 0;
+    QTest::newRow("overlapping segments") << overlap.build() << "overlap" << 0 << "" << 0 << "";
     CoreBuilder foreign = good;
     foreign.notes.removeLast();
-    QTest::newRow("a core without our note") << foreign.build() << "no VELMORA note" << 0 << "" << 0;
+    QTest::newRow("a core without our note") << foreign.build() << "no VELMORA note" << 0 << "" << 0 << "";
 #else
     QSKIP("the cores made here are x86-64's");
 #endif
@@ -339,6 +345,7 @@ void tst_Processor::cores()
     QFETCH(int, threads);
     QFETCH(QString, top);
     QFETCH(int, leftOut);
+    QFETCH(QString, lastStop);
 
     QVERIFY(MiniCore::isCore(bytes));
     const MiniCore core = MiniCore::parse(bytes);
@@ -356,6 +363,7 @@ void tst_Processor::cores()
         names << (frame.function.isEmpty() ? QStringLiteral("-") : frame.function + (frame.fromSymbolTable ? "*" : ""));
     QCOMPARE(names.join(' '), top);
     QCOMPARE(stacks.constFirst().leftOut, leftOut);
+    QVERIFY2(stacks.constLast().stop.contains(lastStop), qPrintable(stacks.constLast().stop));
 }
 
 void tst_Processor::signatures_data()

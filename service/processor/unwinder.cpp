@@ -2,6 +2,7 @@
 
 #include "minicore.h"
 
+#include <QHash>
 #include <QSet>
 #include <cstring>
 #include <elf.h>
@@ -17,6 +18,7 @@ struct Walk
     ThreadStack result;
     QVector<StackAddress> outermost;  // a ring of the last OutermostKept
     int walked = 0;
+    int *walkedInCore = nullptr;
 };
 
 struct Session
@@ -24,6 +26,7 @@ struct Session
     const MiniCore *core = nullptr;
     QVector<Walk> walks;
     int next = 0;  // libdwfl asks for the threads in turn, each walked as it comes
+    int walked = 0;
 };
 
 }
@@ -93,6 +96,10 @@ static int onFrame(Dwfl_Frame *state, void *arg)
         walk->result.stop = QStringLiteral("the walk stopped at %1 frames").arg(Unwinder::MaxWalked);
         return DWARF_CB_ABORT;
     }
+    if (++*walk->walkedInCore > Unwinder::MaxWalkedPerCore) {
+        walk->result.stop = QStringLiteral("the walks of all threads reached %1 frames").arg(Unwinder::MaxWalkedPerCore);
+        return DWARF_CB_ABORT;
+    }
     const bool returnAddress = !isActivation || (walk->fromCaller && walk->walked == 1);
     const StackAddress address{ walk->walked++, pc, returnAddress };
     if (walk->result.stack.size() < Unwinder::InnermostKept) {
@@ -148,6 +155,9 @@ Unwinder::Unwinder(Symbolizer &symbolizer)
 
 QVector<ThreadStack> Unwinder::unwind(const MiniCore &core)
 {
+    QHash<quint32, QString> names;
+    for (const auto &thread : core.note.threads)
+        names.insert(thread.first, thread.second);
     Session session;
     session.core = &core;
     session.walks.resize(core.threads.size());
@@ -155,9 +165,9 @@ QVector<ThreadStack> Unwinder::unwind(const MiniCore &core)
         Walk &walk = session.walks[i];
         walk.core = &core;
         walk.thread = &core.threads.at(i);
+        walk.walkedInCore = &session.walked;
         walk.result.tid = walk.thread->tid;
-        if (i < core.note.threads.size() && core.note.threads.at(i).first == walk.thread->tid)
-            walk.result.name = core.note.threads.at(i).second;
+        walk.result.name = names.value(walk.thread->tid);
         const quint64 pc = core.pc(*walk.thread);
         // A call through a bad pointer: the pc is the frame, the walk begins at the caller.
         if (!inModule(core, pc)) {

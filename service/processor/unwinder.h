@@ -25,6 +25,8 @@ public:
     static constexpr int InnermostKept = 200;
     static constexpr int OutermostKept = 50;
     static constexpr int MaxWalked = 100000;
+    // For all threads together: a core may point a thousand threads at one deep stack.
+    static constexpr int MaxWalkedPerCore = 4 * MaxWalked;
 
     explicit Unwinder(Symbolizer &symbolizer);
     QVector<ThreadStack> unwind(const MiniCore &core);

@@ -274,14 +274,9 @@ class Processing(unittest.TestCase):
         unstripped = os.path.join(self.tmp, 'unstripped')
         shutil.copy(DEMOCLIENT, unstripped)
         frame0 = re.search(r'^frame 0: .*$', segv, re.M).group(0)
-        frames = segv.count('\nframe ')
         rows = [
             ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
             ('garbage', os.urandom(4096), 'failed', 'not a crash dump'),
-            ('a million frames', segv.replace('module:', ''.join('frame %d: 0x1\n' % i for i in range(frames, 10 ** 6)) + 'module:', 1),
-             'done', '@0x'),
-            ('a 10 MB line', segv.replace('\npid:', '\nx: ' + 'x' * (10 << 20) + '\npid:'), 'done', 'crash'),
-            ('a module path of /etc/shadow', segv.replace(client_path, '/etc/shadow'), 'done', 'crash'),
             ('a dump path to debug info, no build ID', segv.replace(self.build_id + ' ' + client_path, 'none ' + unstripped)
              .replace(client_path, unstripped), 'done', 'unstripped@0x'),
             ('a wrong build ID', segv.replace(self.build_id, 'ab' * 20).replace(client_path, unstripped), 'done', 'unstripped@0x'),
