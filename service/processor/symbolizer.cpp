@@ -17,6 +17,7 @@
 static const int maxModules = 64;
 static const int maxLookups = 200000;
 static const int maxMisses = 100000;
+static const int maxFound = 4096;
 
 struct Symbolizer::Module
 {
@@ -68,13 +69,43 @@ static int findDebugFile(Dwfl_Module *, void **userdata, const char *name, Dwarf
     return fd;
 }
 
+// A module reported by its address range alone gets its file when libdwfl first needs it, by
+// the build ID it is named for; libdwfl then checks the ID it was told.
+static int findElf(Dwfl_Module *, void **userdata, const char *name, Dwarf_Addr, char **, Elf **elf)
+{
+    auto symbolizer = static_cast<Symbolizer *>(*userdata);
+    QByteArray path;
+    int fd = symbolizer ? symbolizer->openFile(QByteArray(name), Symbolizer::Executable, &path) : -1;
+    if (fd < 0 && symbolizer)
+        fd = symbolizer->openFile(QByteArray(name), Symbolizer::DebugFile, &path);
+    *elf = nullptr;
+    return fd;
+}
+
 static const Dwfl_Callbacks callbacks = {
     findNoElf, findDebugFile, dwfl_offline_section_address, nullptr,
 };
 
-Dwfl *Symbolizer::newDwfl()
+static const Dwfl_Callbacks lazyCallbacks = {
+    findElf, findDebugFile, dwfl_offline_section_address, nullptr,
+};
+
+Dwfl *Symbolizer::newDwfl(bool lazy)
 {
-    return dwfl_begin(&callbacks);
+    return dwfl_begin(lazy ? &lazyCallbacks : &callbacks);
+}
+
+bool Symbolizer::reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 start, quint64 end)
+{
+    Dwfl_Module *module = dwfl_report_module(dwfl, buildId.constData(), start, end);
+    if (!module)
+        return false;
+    const QByteArray bits = QByteArray::fromHex(buildId);
+    dwfl_module_report_build_id(module, reinterpret_cast<const unsigned char *>(bits.constData()), size_t(bits.size()), 0);
+    void **userdata = nullptr;
+    dwfl_module_info(module, &userdata, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    *userdata = this;
+    return true;
 }
 
 Dwfl_Module *Symbolizer::reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base, bool *hasExecutable)
@@ -225,6 +256,15 @@ int Symbolizer::openFile(const QByteArray &buildId, FileKind kind, QByteArray *p
             return fd;
     }
     const auto key = qMakePair(buildId, int(kind));
+    // Found before: debuginfod's own cache has it, and asking again would count as a lookup.
+    auto found = m_found.constFind(key);
+    if (found != m_found.constEnd()) {
+        *path = found.value();
+        const int fd = open(path->constData(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0)
+            return fd;
+        m_found.remove(key);
+    }
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     auto missed = m_misses.constFind(key);
     if (missed != m_misses.constEnd() && now - missed.value() < MissSeconds)
@@ -240,6 +280,9 @@ int Symbolizer::openFile(const QByteArray &buildId, FileKind kind, QByteArray *p
     if (fd >= 0) {
         *path = cached;
         free(cached);
+        if (m_found.size() >= maxFound)
+            m_found.clear();
+        m_found.insert(key, *path);
         return fd;
     }
     free(cached);

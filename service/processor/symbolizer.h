@@ -31,7 +31,7 @@ class Symbolizer
 {
 public:
     enum FileKind { Executable, DebugFile };
-    static constexpr int LookupBudget = 16;
+    static constexpr int LookupBudget = 32;
     static constexpr qint64 MissSeconds = 3600;
 
     explicit Symbolizer(const QStringList &symbolDirs);
@@ -46,8 +46,12 @@ public:
     void beginReport(qint64 deadlineMs);
     // An open descriptor of the file with the build ID (lowercase hex), or -1.
     int openFile(const QByteArray &buildId, FileKind kind, QByteArray *path);
-    // A session whose modules find their debug files through openFile.
-    static Dwfl *newDwfl();
+    // A session whose modules find their debug files through openFile; lazy: their files too,
+    // for modules reported by reportRange.
+    static Dwfl *newDwfl(bool lazy = false);
+    // Reports a module by its address range alone, its file to be found by build ID when
+    // libdwfl first needs it (a pc in it): only the modules on some stack are looked up.
+    bool reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 start, quint64 end);
     // Reports the module from its executable (else its debug file) at the base, in a session
     // of newDwfl's between dwfl_report_begin and _end; null when neither is found.
     Dwfl_Module *reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base, bool *hasExecutable);
@@ -74,6 +78,7 @@ private:
     QHash<QPair<QByteArray, quint64>, QVector<Location>> m_lookups;
     // Kept apart from the modules, so that many unknown build IDs evict no module.
     QHash<QPair<QByteArray, int>, qint64> m_misses;
+    QHash<QPair<QByteArray, int>, QByteArray> m_found;  // paths in debuginfod's cache
     int m_lookupsLeft = LookupBudget;
     qint64 m_deadlineMs = 0;
     quint64 m_useCount = 0;

@@ -177,17 +177,23 @@ QVector<ThreadStack> Unwinder::unwind(const MiniCore &core)
         }
     }
 
-    Dwfl *dwfl = Symbolizer::newDwfl();
+    Dwfl *dwfl = Symbolizer::newDwfl(true);
     if (dwfl) {
         dwfl_report_begin(dwfl);
         QSet<QByteArray> reported;
         for (const DumpModule &module : core.note.modules) {
-            bool hasExecutable;
-            // One module per build ID: the note lists each at its lowest mapping.
-            if (!module.buildId.isEmpty() && !reported.contains(module.buildId)) {
-                reported.insert(module.buildId);
-                m_symbolizer.reportModule(dwfl, module.buildId, module.loadAddress, &hasExecutable);
+            // One module per build ID: the note lists each at its lowest mapping. It spans
+            // the mappings of its file that follow one another from there.
+            if (module.buildId.isEmpty() || reported.contains(module.buildId))
+                continue;
+            reported.insert(module.buildId);
+            quint64 end = module.loadAddress;
+            for (const DumpMapping &mapping : core.note.maps) {
+                if (mapping.start == end && mapping.path == module.path)
+                    end = mapping.end;
             }
+            if (end > module.loadAddress)
+                m_symbolizer.reportRange(dwfl, module.buildId, module.loadAddress, end);
         }
         dwfl_report_end(dwfl, nullptr, nullptr);
 
