@@ -277,9 +277,11 @@ void CrashDump::dropDoubleModules()
             return !m.buildId.isEmpty() && k.buildId == m.buildId && k.path == m.path;
         });
         bool contiguous = same != kept.crend();
-        for (const DumpMapping &map : qAsConst(maps)) {
-            if (contiguous && map.start >= same->loadAddress && map.start < m.loadAddress && map.path != m.path)
-                contiguous = false;
+        if (contiguous) {
+            auto map = std::lower_bound(maps.cbegin(), maps.cend(), same->loadAddress,
+                                        [](const DumpMapping &a, quint64 address) { return a.start < address; });
+            for (; contiguous && map != maps.cend() && map->start < m.loadAddress; ++map)
+                contiguous = map->path == m.path;
         }
         if (!contiguous)
             kept << m;

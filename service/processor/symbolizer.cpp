@@ -108,11 +108,10 @@ bool Symbolizer::reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 star
     return true;
 }
 
-Dwfl_Module *Symbolizer::reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base, bool *hasExecutable)
+Dwfl_Module *Symbolizer::reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base)
 {
     QByteArray path;
     int fd = openFile(buildId, Executable, &path);
-    *hasExecutable = fd >= 0;
     if (fd < 0)
         fd = openFile(buildId, DebugFile, &path);
     if (fd < 0)
@@ -338,8 +337,7 @@ std::shared_ptr<Symbolizer::Module> Symbolizer::load(const QByteArray &buildId)
     if (!m->dwfl)
         return m;
     dwfl_report_begin(m->dwfl);
-    bool hasExecutable;
-    Dwfl_Module *module = reportModule(m->dwfl, buildId, 0, &hasExecutable);
+    Dwfl_Module *module = reportModule(m->dwfl, buildId, 0);
     dwfl_report_end(m->dwfl, nullptr, nullptr);
     if (!module)
         return m;

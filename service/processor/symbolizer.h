@@ -54,7 +54,7 @@ public:
     bool reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 start, quint64 end);
     // Reports the module from its executable (else its debug file) at the base, in a session
     // of newDwfl's between dwfl_report_begin and _end; null when neither is found.
-    Dwfl_Module *reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base, bool *hasExecutable);
+    Dwfl_Module *reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base);
 
 private:
     struct Module;
