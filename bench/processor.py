@@ -1,6 +1,7 @@
 """Reports per second of velmora-processor against eu-addr2line run once per report on the same
-frames, over a corpus of real crashes of the demo client, in the same run.
-    python3 bench/processor.py BUILD_DIR [REPORTS]"""
+frames, over a corpus of real crashes of the demo client, in the same run; then on minicores of
+the same crashes against eu-stack --core run once per report on the same files.
+    python3 bench/processor.py BUILD_DIR [REPORTS [MINICORES]]"""
 import glob
 import os
 import re
@@ -14,6 +15,8 @@ import time
 import zipfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, 'tests/processor'))
+import minicore  # noqa: E402
 # The crashes that end in the C library's start-up frames, so that every report needs libc too.
 MODES = ['segv', 'abort', 'fpe', 'nullcall', 'wild', 'trap', 'race']
 ROUNDS = int(os.environ.get('BENCH_ROUNDS', '3'))
@@ -44,13 +47,13 @@ def make_store(data, dumps):
     return db, url, store
 
 
-def time_processor(processor, db, url, store, symbols):
+def time_processor(processor, db, url, store, symbols, *more):
     db.executescript("DELETE FROM processed; DELETE FROM signature_days; "
                      "UPDATE reports SET state = 'new', attempts = 0, worker = NULL, lease_until = NULL;")
     db.commit()
     start = time.monotonic()
     subprocess.run([processor, '--db', url, '--store', store, '--drain', '--symbols', symbols,
-                    '--symbols', '/usr/lib/debug'], check=True, stderr=subprocess.DEVNULL)
+                    '--symbols', '/usr/lib/debug', *more], check=True, stderr=subprocess.DEVNULL)
     seconds = time.monotonic() - start
     states = db.execute("SELECT state, COUNT(*) FROM reports GROUP BY state").fetchall()
     assert states == [('done', len(os.listdir(os.path.join(store, '20261118'))))], states
@@ -73,9 +76,48 @@ def time_addr2line(dumps, scratch):
     return time.monotonic() - start
 
 
+# What a developer does per minicore: every thread unwound, with inlined calls and source lines,
+# the modules found where the core's notes say and their debug files in /usr/lib/debug.
+def time_eu_stack(cores):
+    start = time.monotonic()
+    for core in cores:
+        subprocess.run(['eu-stack', '-i', '-s', '--core=' + core], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return time.monotonic() - start
+
+
+def bench_minicores(processor, client, data, symbols, count):
+    """Minicores of each mode, made once by gdb and stored count times over."""
+    folder = os.path.join(data, 'minicores')
+    os.mkdir(folder)
+    made = [minicore.make([client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log',
+                           '--sender', '/bin/true'], os.path.join(folder, mode + '.core')) for mode in MODES]
+    cores = [made[n % len(made)] for n in range(count)]
+    # The C library's executable by build ID: the processor finds nothing by path.
+    system = os.path.join(data, 'system')
+    libc = subprocess.run(['sh', '-c', 'ldd "$0" | sed -n "s/.*libc.so.6 => \\(.*\\) (.*/\\1/p"', client],
+                          capture_output=True, text=True, check=True).stdout.strip()
+    libc_id = re.search(r'Build ID: (\w+)', subprocess.run(['readelf', '-n', libc], capture_output=True, text=True).stdout).group(1)
+    os.makedirs(os.path.join(system, '.build-id', libc_id[:2]))
+    shutil.copy(libc, os.path.join(system, '.build-id', libc_id[:2], libc_id[2:]))
+    os.mkdir(os.path.join(data, 'minicore-store'))
+    db, url, store = make_store(os.path.join(data, 'minicore-store'), cores)
+    ours, theirs = [], []
+    time_processor(processor, db, url, store, symbols, '--symbols', system)
+    for _ in range(ROUNDS):
+        ours.append(count / time_processor(processor, db, url, store, symbols, '--symbols', system))
+        theirs.append(count / time_eu_stack(cores))
+    sizes = [os.path.getsize(c) for c in made]
+    print('%d minicores (%s; %d to %d KB), %d rounds, medians:' % (count, ' '.join(MODES), min(sizes) // 1024,
+                                                                    max(sizes) // 1024, ROUNDS))
+    print('  velmora-processor, one worker:     %7.1f reports/s  (%s)' % (statistics.median(ours), ', '.join('%.1f' % r for r in ours)))
+    print('  eu-stack -i -s --core:             %7.1f reports/s  (%s)' % (statistics.median(theirs), ', '.join('%.1f' % r for r in theirs)))
+    print('  ratio: %.1fx (goal: 5x)' % (statistics.median(ours) / statistics.median(theirs)))
+
+
 def main():
     build = sys.argv[1]
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 1000
+    minicores = int(sys.argv[3]) if len(sys.argv) > 3 else 200
     processor = os.path.join(build, 'bin/velmora-processor')
     client = os.path.join(build, 'bin/velmora-democlient')
     data = tempfile.mkdtemp(prefix='processor-bench.')
@@ -94,6 +136,7 @@ def main():
         print('  velmora-processor, one worker:     %7.1f reports/s  (%s)' % (statistics.median(ours), ', '.join('%.1f' % r for r in ours)))
         print('  eu-addr2line -M maps -f -i -C:    %7.1f reports/s  (%s)' % (statistics.median(theirs), ', '.join('%.1f' % r for r in theirs)))
         print('  ratio: %.1fx (goal: 5x)' % (statistics.median(ours) / statistics.median(theirs)))
+        bench_minicores(processor, client, data, symbols, minicores)
     finally:
         shutil.rmtree(data)
 

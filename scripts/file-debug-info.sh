@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
-# Files the debug information of a release's binaries into the layout that velmora-processor,
-# debuginfod and the distributions use: DEST/.build-id/ab/cdef….debug, named by build ID.
+# Files a release's binaries and their debug information into the layout that velmora-processor,
+# debuginfod and the distributions use, named by build ID: DEST/.build-id/ab/cdef….debug for the
+# debug file, DEST/.build-id/ab/cdef… for the binary itself, whose call-frame information
+# unwinding needs.
 #   scripts/file-debug-info.sh DEST FILE_OR_FOLDER...
 # Every ELF file given, or found under a folder given, is copied with objcopy --only-keep-debug
-# (executables and libraries built with -g, or debug files already split off). A file without
-# a build ID cannot be found by one and is named and left out; the run then ends with code 1.
+# (executables and libraries built with -g, or debug files already split off), and copied as it
+# is unless it is a debug file already. A file without a build ID cannot be found by one and is
+# named and left out; the run then ends with code 1.
 set -euo pipefail
 
 if [ $# -lt 2 ] || [ "$1" = --help ]; then
-    sed -n '2,7s/^# \{0,1\}//p' "$0" >&2
+    sed -n '2,10s/^# \{0,1\}//p' "$0" >&2
     exit 2
 fi
 dest=$1
@@ -31,6 +34,11 @@ file_one() {
     mkdir -p "${target%/*}"
     "$objcopy" --only-keep-debug "$file" "$target.tmp"
     mv -f "$target.tmp" "$target"
+    # A debug file split off holds its code as NOBITS: it is no binary to unwind with.
+    if ! LC_ALL=C readelf --sections --wide "$file" 2>/dev/null | grep -Eq '\.text +NOBITS'; then
+        cp "$file" "${target%.debug}.tmp"
+        mv -f "${target%.debug}.tmp" "${target%.debug}"
+    fi
     if ! LC_ALL=C readelf --sections "$target" 2>/dev/null | grep -q '\.debug_info'; then
         echo "file-debug-info: $file has no debug information, only its symbol table (build with -g)" >&2
     fi

@@ -20,7 +20,8 @@ const BATCH = 5000;
 // A report as the JSON file gives it; every key may be left out:
 //   id, received_at (Unix seconds, default now), client_addr, fields (object), version,
 //   description, state ('done'), failure, attempts,
-//   signature, signal, address, frames (array, as processed.frames), rule_version  (for 'done'),
+//   signature, signal, address, frames (array, as processed.frames), rule_version, threads (array,
+//   as processed.threads), message, capture  (for 'done'),
 //   log (the client log's text), archive (true: stored, false: none, "removed": aged out).
 function loadListed(PDO $db, ?FileStore $store, array $reports): array
 {
@@ -51,7 +52,9 @@ function loadListed(PDO $db, ?FileStore $store, array $reports): array
         if ($state === 'done') {
             $signature = (string) ($r['signature'] ?? 'EMPTY: no crash dump');
             $processed[] = [$id, $signature, (int) ($r['rule_version'] ?? 1), $r['signal'] ?? null,
-                            $r['address'] ?? null, json_encode($r['frames'] ?? [], JSON_THROW_ON_ERROR), $received + 1];
+                            $r['address'] ?? null, json_encode($r['frames'] ?? [], JSON_THROW_ON_ERROR), $received + 1,
+                            isset($r['threads']) ? json_encode($r['threads'], JSON_THROW_ON_ERROR) : null,
+                            $r['message'] ?? null, $r['capture'] ?? null];
             $counted[] = [$signature, $received, $version];
         }
     }
@@ -125,7 +128,7 @@ function loadSynthetic(PDO $db, int $count, int $daysBack, int $signatureCount, 
                    'archive_removed_at' => $received < $now - 30 * 86400 ? $received + 30 * 86400 : null];
         if (!$failed) {
             $processed[] = [$id, $signatures[$s], 1, 'SIGSEGV', '0x0000000000000000',
-                            syntheticFrames($signatures[$s]), $received + 2];
+                            syntheticFrames($signatures[$s]), $received + 2, null, null, null];
             $counted[] = [$signatures[$s], $received, $versions[$v]];
         }
         if (count($rows) === BATCH) {
@@ -158,7 +161,7 @@ function insertAll(PDO $db, array $reports, array $processed, array $counted): v
 {
     $db->beginTransaction();
     insertReports($db, $reports);
-    insertRows($db, 'processed (report_id, signature, rule_version, signal, address, frames, processed_at)', $processed);
+    insertRows($db, 'processed (report_id, signature, rule_version, signal, address, frames, processed_at, threads, message, capture)', $processed);
     addDailyCounts($db, $counted);
     $db->commit();
 }

@@ -81,7 +81,33 @@ QString DumpModule::name() const
     return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
 }
 
-CrashDump CrashDump::parse(const QByteArray &bytes)
+// The message line's escapes: \\ for a backslash, \n for a newline, \xHH for other bytes.
+static QString unescapedMessage(const QByteArray &value)
+{
+    QByteArray bytes;
+    for (int i = 0; i < value.size() && bytes.size() < CrashDump::MaxMessageBytes; ++i) {
+        char c = value.at(i);
+        if (c == '\\' && i + 1 < value.size()) {
+            const char next = value.at(++i);
+            bool isHex = false;
+            if (next == 'n')
+                c = '\n';
+            else if (next == 'x' && i + 2 < value.size() && (c = char(value.mid(i + 1, 2).toInt(&isHex, 16)), isHex))
+                i += 2;
+            else
+                c = next;
+        }
+        bytes += c;
+    }
+    QString text = QString::fromUtf8(bytes.constData(), bytes.size());
+    for (QChar &c : text) {
+        if ((c.unicode() < 0x20 && c != QLatin1Char('\n') && c != QLatin1Char('\t')) || c.unicode() == 0x7f)
+            c = QLatin1Char('?');
+    }
+    return text;
+}
+
+CrashDump CrashDump::parse(const QByteArray &bytes, bool inCore)
 {
     CrashDump dump;
     QByteArray text = bytes.left(MaxBytes);
@@ -94,7 +120,7 @@ CrashDump CrashDump::parse(const QByteArray &bytes)
         dump.notes << QStringLiteral("incomplete last line left out");
     }
 
-    int longLines = 0, badLines = 0, extraFrames = 0, extraModules = 0, extraMappings = 0;
+    int longLines = 0, badLines = 0, extraFrames = 0, extraModules = 0, extraMappings = 0, extraThreads = 0;
     bool inMaps = false;
     for (int from = 0, lineNumber = 0; from < text.size(); ++lineNumber) {
         const int newline = text.indexOf('\n', from);
@@ -115,7 +141,11 @@ CrashDump CrashDump::parse(const QByteArray &bytes)
             if (!line.startsWith(magic))
                 break;
             const QByteArray version = line.mid(int(sizeof magic) - 1);
-            if (version != "1" && version != "2") {
+            if (version == "3" && !inCore) {
+                dump.error = QStringLiteral("dump format version 3 comes only as a minicore, never as text");
+                return dump;
+            }
+            if (version != "1" && version != "2" && version != "3") {
                 dump.error = QStringLiteral("dump format version %1 is not known")
                                      .arg(cleanText(version.left(maxFieldChars)));
                 return dump;
@@ -171,6 +201,27 @@ CrashDump CrashDump::parse(const QByteArray &bytes)
                 dump.frames << number;
             else
                 ++badLines;
+        } else if (key == "capture" && (value == "ptrace" || value == "self")) {
+            dump.capture = QString::fromLatin1(value);
+        } else if (key == "message") {
+            dump.message = unescapedMessage(value);
+        } else if (key == "exception") {
+            // A mangled name is an identifier's characters; anything else is no type name.
+            if (value.size() <= maxFieldChars * 8 && !value.isEmpty()
+                && std::all_of(value.begin(), value.end(), [](char c) { return c > 0x20 && c < 0x7f; }))
+                dump.exceptionType = value;
+            else
+                ++badLines;
+        } else if (key == "thread") {
+            bool isNumber;
+            const int space = value.indexOf(' ');
+            const quint32 tid = value.left(space).toUInt(&isNumber);
+            if (dump.threads.size() >= MaxThreads)
+                ++extraThreads;
+            else if (isNumber)
+                dump.threads << qMakePair(tid, space < 0 ? QString() : cleanText(value.mid(space + 1).left(maxFieldChars)));
+            else
+                ++badLines;
         } else if (key == "module") {
             const QList<QByteArray> fields = value.split(' ');
             DumpModule module;
@@ -197,6 +248,7 @@ CrashDump CrashDump::parse(const QByteArray &bytes)
 
     std::stable_sort(dump.maps.begin(), dump.maps.end(),
                      [](const DumpMapping &a, const DumpMapping &b) { return a.start < b.start; });
+    dump.dropDoubleModules();
     if (longLines)
         dump.notes << QStringLiteral("%1 lines over %2 bytes left out").arg(longLines).arg(MaxLineBytes);
     if (badLines)
@@ -205,9 +257,36 @@ CrashDump CrashDump::parse(const QByteArray &bytes)
         dump.notes << QStringLiteral("%1 frames over %2 left out").arg(extraFrames).arg(MaxFrames);
     if (extraModules)
         dump.notes << QStringLiteral("%1 modules over %2 left out").arg(extraModules).arg(MaxModules);
+    if (extraThreads)
+        dump.notes << QStringLiteral("%1 thread lines over %2 left out").arg(extraThreads).arg(MaxThreads);
     if (extraMappings)
         dump.notes << QStringLiteral("%1 maps lines over %2 left out").arg(extraMappings).arg(MaxMappings);
     return dump;
+}
+
+// A library whose first segment is under a page has two mappings at file offset 0 (clang with
+// lld), and handlers of format 2 list it twice. The file's header is at the lower one: a later
+// line with the same build ID and path, reached through mappings of that file alone, goes.
+void CrashDump::dropDoubleModules()
+{
+    std::stable_sort(modules.begin(), modules.end(),
+                     [](const DumpModule &a, const DumpModule &b) { return a.loadAddress < b.loadAddress; });
+    QVector<DumpModule> kept;
+    for (const DumpModule &m : qAsConst(modules)) {
+        const auto same = std::find_if(kept.crbegin(), kept.crend(), [&](const DumpModule &k) {
+            return !m.buildId.isEmpty() && k.buildId == m.buildId && k.path == m.path;
+        });
+        bool contiguous = same != kept.crend();
+        if (contiguous) {
+            auto map = std::lower_bound(maps.cbegin(), maps.cend(), same->loadAddress,
+                                        [](const DumpMapping &a, quint64 address) { return a.start < address; });
+            for (; contiguous && map != maps.cend() && map->start < m.loadAddress; ++map)
+                contiguous = map->path == m.path;
+        }
+        if (!contiguous)
+            kept << m;
+    }
+    modules = kept;
 }
 
 bool CrashDump::moduleAt(quint64 address, DumpModule *module) const

@@ -25,8 +25,9 @@ struct DumpMapping
     QString path;
 };
 
-// A crash handler's text dump, format version 1 or 2, read from untrusted bytes: every count
-// and length is capped, and what does not parse is left out with a note.
+// A crash handler's text dump, format version 1 or 2, or the text note of a minicore (format 3),
+// read from untrusted bytes: every count and length is capped, and what does not parse is left
+// out with a note.
 struct CrashDump
 {
     static constexpr int MaxBytes = 16 * 1024 * 1024;
@@ -34,8 +35,11 @@ struct CrashDump
     static constexpr int MaxFrames = 256;
     static constexpr int MaxModules = 1024;
     static constexpr int MaxMappings = 65536;
+    static constexpr int MaxThreads = 1024;
+    static constexpr int MaxMessageBytes = 4096;
 
-    static CrashDump parse(const QByteArray &bytes);
+    // inCore: the bytes are the VELMORA note of a minicore, the only place format 3 is valid.
+    static CrashDump parse(const QByteArray &bytes, bool inCore = false);
 
     // Empty for a dump that could be read; otherwise why it could not.
     QString error;
@@ -46,12 +50,20 @@ struct CrashDump
     QVector<quint64> frames;
     QVector<DumpModule> modules;
     QVector<DumpMapping> maps;  // sorted by start
+    // Format 3 only.
+    QString capture;            // ptrace or self
+    QString message;            // newlines kept, other control characters made '?'
+    QByteArray exceptionType;   // mangled, as the handler found it
+    QVector<QPair<quint32, QString>> threads;  // id and name, in the core's order
     QStringList notes;          // what was left out, for the log
 
     // The module that holds the address: from the module lines where the dump has them,
     // otherwise from the maps alone (then without a build ID). False for an address that
     // lies in no mapping of a file.
     bool moduleAt(quint64 address, DumpModule *module) const;
+
+private:
+    void dropDoubleModules();
 };
 
 #endif

@@ -32,6 +32,7 @@ QJsonArray framesToJson(const QVector<Frame> &frames)
                 { QStringLiteral("file"), textOrNull(f.file) },
                 { QStringLiteral("line"), f.line > 0 ? QJsonValue(f.line) : QJsonValue() },
                 { QStringLiteral("inlined"), f.inlined },
+                { QStringLiteral("symbol_table"), f.fromSymbolTable },
         });
     }
     return array;
@@ -53,6 +54,7 @@ QVector<Frame> framesFromJson(const QJsonArray &array)
         f.file = o.value(QStringLiteral("file")).toString();
         f.line = o.value(QStringLiteral("line")).toInt();
         f.inlined = o.value(QStringLiteral("inlined")).toBool();
+        f.fromSymbolTable = o.value(QStringLiteral("symbol_table")).toBool();
         frames << f;
     }
     return frames;

@@ -20,6 +20,7 @@ struct Frame
     QString file;
     int line = 0;        // 0 when unknown
     bool inlined = false;
+    bool fromSymbolTable = false;  // named by the module's symbol table alone: no file or line
 };
 
 QJsonArray framesToJson(const QVector<Frame> &frames);

@@ -128,12 +128,12 @@ int main(int argc, char *argv[])
             "Symbolizes the crash reports that the upload endpoint stores and groups them by signature.\n"
             "Works on waiting reports until stopped (SIGTERM, SIGINT); --reprocess processes the finished\n"
             "reports again and --show prints one as JSON. DEBUGINFOD_URLS names debuginfod servers to ask\n"
-            "for debug files that no --symbols folder has. Exit codes: 0 done, 1 failed, 2 bad command line."));
+            "for executables and debug files that no --symbols folder has. Exit codes: 0 done, 1 failed, 2 bad command line."));
     const QCommandLineOption help(QStringList{ QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Shows this help."));
     const QCommandLineOption db(QStringLiteral("db"), QStringLiteral("The database: sqlite:/abs/path or postgresql://user@host/name."), QStringLiteral("URL"));
     const QCommandLineOption store(QStringLiteral("store"), QStringLiteral("The archive store, the service's DATA/raw."), QStringLiteral("DIR"));
     const QCommandLineOption worker(QStringLiteral("worker"), QStringLiteral("This processor's name in the reports it claims (default: host-pid)."), QStringLiteral("NAME"));
-    const QCommandLineOption symbols(QStringLiteral("symbols"), QStringLiteral("A folder with debug files in .build-id/ab/cdef….debug; repeatable."), QStringLiteral("DIR"));
+    const QCommandLineOption symbols(QStringLiteral("symbols"), QStringLiteral("A folder with executables in .build-id/ab/cdef… and debug files in .build-id/ab/cdef….debug; repeatable."), QStringLiteral("DIR"));
     const QCommandLineOption rules(QStringLiteral("rules"), QStringLiteral("The folder of the signature lists."), QStringLiteral("DIR"),
                                    QStringLiteral(VELMORA_SIGNATURE_DIR));
     const QCommandLineOption lease(QStringLiteral("lease"), QStringLiteral("Seconds a claim on a report lasts (default 300)."), QStringLiteral("SECONDS"), QStringLiteral("300"));

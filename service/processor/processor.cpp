@@ -5,6 +5,34 @@
 #include "reportstore.h"
 #include "signaturerules.h"
 #include "symbolizer.h"
+#include "minicore.h"
+#include "unwinder.h"
+
+#include <QDateTime>
+#include <QJsonObject>
+#include <cxxabi.h>
+
+// What the other threads may add to a stored result, in frames: a core can hold 1024 threads.
+static const int maxOtherThreadFrames = 16384;
+
+static QString demangledType(const QByteArray &name)
+{
+    int status = 0;
+    char *text = abi::__cxa_demangle(name.constData(), nullptr, nullptr, &status);
+    const QString result = status == 0 && text ? QString::fromUtf8(text) : QString::fromLatin1(name);
+    free(text);
+    return result;
+}
+
+static QString message(const CrashDump &note)
+{
+    QStringList parts;
+    if (!note.message.isEmpty())
+        parts << note.message;
+    if (!note.exceptionType.isEmpty())
+        parts << QStringLiteral("uncaught exception of type %1").arg(demangledType(note.exceptionType));
+    return parts.join(QLatin1Char('\n'));
+}
 
 Processor::Processor(ReportDatabase &database, const ReportStore &store, Symbolizer &symbolizer,
                      const SignatureRules &rules, const volatile std::sig_atomic_t *stop)
@@ -31,6 +59,8 @@ Processor::Outcome Processor::processAgain(const QString &id)
 
 Processor::Outcome Processor::process(const Claim &claim, bool again)
 {
+    // Lookups end at half the lease, so that the report is done before another takes it.
+    m_symbolizer.beginReport(QDateTime::currentMSecsSinceEpoch() + qint64(m_leaseSeconds) * 500);
     Result result;
     result.ruleVersion = m_rules.version();
     const StoredReport stored = m_store.read(claim.id);
@@ -49,6 +79,50 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
         return failed(claim, stored.error);
     } else if (!stored.hasDump) {
         result.signature = SignatureRules::NoDumpSignature;
+    } else if (MiniCore::isCore(stored.dump)) {
+        const MiniCore core = MiniCore::parse(stored.dump);
+        if (!core.error.isEmpty())
+            return failed(claim, core.error);
+        for (const QString &note : core.note.notes)
+            qInfo("%s: %s", qUtf8Printable(claim.id), qUtf8Printable(note));
+        const QVector<ThreadStack> stacks = Unwinder(m_symbolizer).unwind(core);
+        int otherFrames = 0;
+        for (int i = 0; i < stacks.size(); ++i) {
+            const ThreadStack &stack = stacks.at(i);
+            QVector<Frame> frames = m_symbolizer.symbolize(core.note, stack.stack);
+            int leftOut = stack.leftOut;
+            if (i == 0) {
+                result.frames = framesToJson(frames);
+                result.signature = m_rules.signature(frames);
+            } else {
+                const int room = std::max(0, maxOtherThreadFrames - otherFrames);
+                if (frames.size() > room) {
+                    leftOut += frames.constLast().index - (room > 0 ? frames.at(room - 1).index : -1);
+                    frames.resize(room);
+                }
+                otherFrames += frames.size();
+            }
+            QJsonObject thread{
+                { QStringLiteral("id"), qint64(stack.tid) },
+                { QStringLiteral("name"), stack.name },
+                { QStringLiteral("crashed"), i == 0 },
+                { QStringLiteral("frames"), framesToJson(frames) },
+                { QStringLiteral("left_out"), leftOut },
+                { QStringLiteral("from_process"), stack.fromProcess },
+            };
+            if (!stack.stop.isEmpty())
+                thread.insert(QStringLiteral("stop"), stack.stop);
+            result.threads.append(thread);
+        }
+        if (*m_stop) {
+            m_database.release(claim);
+            qInfo("%s: given back unfinished", qUtf8Printable(claim.id));
+            return Released;
+        }
+        result.signal = core.note.signal;
+        result.address = core.note.address;
+        result.message = message(core.note);
+        result.capture = core.note.capture;
     } else {
         const CrashDump dump = CrashDump::parse(stored.dump);
         if (!dump.error.isEmpty())

@@ -194,16 +194,21 @@ bool ReportDatabase::finish(const Claim &claim, const Result &result)
     QSqlDatabase db = QSqlDatabase::database(m_connection, false);
     QSqlQuery processed(db);
     processed.prepare(QStringLiteral(
-            "INSERT INTO processed (report_id, signature, rule_version, signal, address, frames, processed_at) "
-            "VALUES (?, ?, ?, ?, ?, ?, ?) ON CONFLICT (report_id) DO UPDATE SET signature = excluded.signature, "
+            "INSERT INTO processed (report_id, signature, rule_version, signal, address, frames, threads, message, capture, processed_at) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (report_id) DO UPDATE SET signature = excluded.signature, "
             "rule_version = excluded.rule_version, signal = excluded.signal, address = excluded.address, "
-            "frames = excluded.frames, processed_at = excluded.processed_at"));
+            "frames = excluded.frames, threads = excluded.threads, message = excluded.message, "
+            "capture = excluded.capture, processed_at = excluded.processed_at"));
     processed.addBindValue(claim.id);
     processed.addBindValue(result.signature);
     processed.addBindValue(result.ruleVersion);
     processed.addBindValue(textOrNull(result.signal));
     processed.addBindValue(textOrNull(result.address));
     processed.addBindValue(QString::fromUtf8(QJsonDocument(result.frames).toJson(QJsonDocument::Compact)));
+    processed.addBindValue(result.threads.isEmpty() ? QVariant(QVariant::String)
+                                                    : QString::fromUtf8(QJsonDocument(result.threads).toJson(QJsonDocument::Compact)));
+    processed.addBindValue(textOrNull(result.message));
+    processed.addBindValue(textOrNull(result.capture));
     processed.addBindValue(now());
     QSqlQuery count(db);
     count.prepare(QStringLiteral("INSERT INTO signature_days (signature, day, version, count) VALUES (?, ?, ?, 1) "
@@ -245,12 +250,15 @@ std::optional<Result> ReportDatabase::storedResult(const QString &id)
 {
     m_error.clear();
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    query.prepare(QStringLiteral("SELECT signature, rule_version, signal, address, frames FROM processed WHERE report_id = ?"));
+    query.prepare(QStringLiteral("SELECT signature, rule_version, signal, address, frames, threads, message, capture "
+                                 "FROM processed WHERE report_id = ?"));
     query.addBindValue(id);
     if (!run(query) || !query.next())
         return std::nullopt;
     return Result{ query.value(0).toString(), query.value(1).toInt(), query.value(2).toString(), query.value(3).toString(),
-                   QJsonDocument::fromJson(query.value(4).toString().toUtf8()).array() };
+                   QJsonDocument::fromJson(query.value(4).toString().toUtf8()).array(),
+                   QJsonDocument::fromJson(query.value(5).toString().toUtf8()).array(), query.value(6).toString(),
+                   query.value(7).toString() };
 }
 
 std::optional<QJsonObject> ReportDatabase::report(const QString &id)
@@ -259,7 +267,7 @@ std::optional<QJsonObject> ReportDatabase::report(const QString &id)
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     query.prepare(QStringLiteral(
             "SELECT r.id, r.received_at, r.version, r.description, r.state, r.attempts, r.failure, "
-            "p.signature, p.rule_version, p.signal, p.address, p.processed_at, p.frames "
+            "p.signature, p.rule_version, p.signal, p.address, p.processed_at, p.message, p.capture, p.frames, p.threads "
             "FROM reports r LEFT JOIN processed p ON p.report_id = r.id WHERE r.id = ?"));
     query.addBindValue(id);
     if (!run(query) || !query.next())
@@ -268,11 +276,14 @@ std::optional<QJsonObject> ReportDatabase::report(const QString &id)
     const QStringList names = { QStringLiteral("id"), QStringLiteral("received_at"), QStringLiteral("version"),
                                 QStringLiteral("description"), QStringLiteral("state"), QStringLiteral("attempts"),
                                 QStringLiteral("failure"), QStringLiteral("signature"), QStringLiteral("rule_version"),
-                                QStringLiteral("signal"), QStringLiteral("address"), QStringLiteral("processed_at") };
+                                QStringLiteral("signal"), QStringLiteral("address"), QStringLiteral("processed_at"),
+                                QStringLiteral("message"), QStringLiteral("capture") };
     for (int i = 0; i < names.size(); ++i)
         report.insert(names.at(i), query.isNull(i) ? QJsonValue() : QJsonValue::fromVariant(query.value(i)));
-    report.insert(QStringLiteral("frames"), query.isNull(12) ? QJsonValue()
-                                                             : QJsonValue(QJsonDocument::fromJson(query.value(12).toString().toUtf8()).array()));
+    for (int i : { 14, 15 }) {
+        report.insert(i == 14 ? QStringLiteral("frames") : QStringLiteral("threads"),
+                      query.isNull(i) ? QJsonValue() : QJsonValue(QJsonDocument::fromJson(query.value(i).toString().toUtf8()).array()));
+    }
     return report;
 }
 

@@ -25,14 +25,18 @@ struct Result
     int ruleVersion = 0;
     QString signal;   // empty: NULL
     QString address;  // empty: NULL
-    QJsonArray frames;
+    QJsonArray frames;  // the crashing thread's
+    // From a minicore; empty (NULL) for the text dumps.
+    QJsonArray threads;
+    QString message;
+    QString capture;
 };
 
 // The service's database, SQLite or PostgreSQL, as service/schema/README.md lays it out.
 class ReportDatabase
 {
 public:
-    static constexpr int SchemaVersion = 3;
+    static constexpr int SchemaVersion = 4;
     static constexpr int MaxAttempts = 3;
 
     explicit ReportDatabase(const QString &worker);

@@ -1,6 +1,7 @@
 #include "reportstore.h"
 
 #include "crashdump.h"
+#include "minicore.h"
 
 #include <QFileInfo>
 #include <QRegularExpression>

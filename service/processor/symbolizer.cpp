@@ -7,15 +7,17 @@
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/debuginfod.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <limits>
 #include <fcntl.h>
 #include <unistd.h>
 
-// Bounds on what stays in memory between reports: open debug files and looked-up addresses.
+// Bounds on what stays in memory between reports: open modules, looked-up addresses, misses.
 static const int maxModules = 64;
 static const int maxLookups = 200000;
-// A build ID with no debug file is asked for again after this long: its file may come later.
-static const qint64 missingRetrySeconds = 600;
+static const int maxMisses = 100000;
+static const int maxFound = 4096;
 
 struct Symbolizer::Module
 {
@@ -23,7 +25,6 @@ struct Symbolizer::Module
     Dwfl *dwfl = nullptr;
     Dwfl_Module *module = nullptr;
     quint64 start = 0;  // where the ELF header lies in this module's own address space
-    qint64 missingSince = 0;
     quint64 lastUse = 0;
 
     ~Module()
@@ -33,27 +34,111 @@ struct Symbolizer::Module
     }
 };
 
-// No path is ever looked up by name: a module is reported from the debug file found by its
-// build ID, and if that holds no DWARF, there is nothing else to find.
+static bool hasBuildId(Elf *elf, const QByteArray &buildId)
+{
+    const void *bits = nullptr;
+    const ssize_t length = elf ? dwelf_elf_gnu_build_id(elf, &bits) : -1;
+    return length > 0 && QByteArray(static_cast<const char *>(bits), int(length)).toHex() == buildId;
+}
+
+// No path is ever looked up by name: a module is reported from the file found by its build
+// ID, and its debug file, too, comes by that ID alone (the module's name is the ID).
 static int findNoElf(Dwfl_Module *, void **, const char *, Dwarf_Addr, char **, Elf **)
 {
     return -1;
 }
 
-static int findNoDebuginfo(Dwfl_Module *, void **, const char *, Dwarf_Addr, const char *,
-                           const char *, GElf_Word, char **)
+static int findDebugFile(Dwfl_Module *, void **userdata, const char *name, Dwarf_Addr, const char *,
+                         const char *, GElf_Word, char **)
 {
-    return -1;
+    auto symbolizer = static_cast<Symbolizer *>(*userdata);
+    QByteArray path;
+    const QByteArray buildId(name);
+    const int fd = symbolizer ? symbolizer->openFile(buildId, Symbolizer::DebugFile, &path) : -1;
+    if (fd < 0)
+        return -1;
+    // A file filed under the wrong name would give wrong answers, worse than none.
+    Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+    const bool right = hasBuildId(elf, buildId);
+    elf_end(elf);
+    if (!right) {
+        qWarning("Debug file %s does not have the build ID it is filed under", path.constData());
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A module reported by its address range alone gets its file when libdwfl first needs it, by
+// the build ID it is named for; libdwfl then checks the ID it was told.
+static int findElf(Dwfl_Module *, void **userdata, const char *name, Dwarf_Addr, char **, Elf **elf)
+{
+    auto symbolizer = static_cast<Symbolizer *>(*userdata);
+    QByteArray path;
+    int fd = symbolizer ? symbolizer->openFile(QByteArray(name), Symbolizer::Executable, &path) : -1;
+    if (fd < 0 && symbolizer)
+        fd = symbolizer->openFile(QByteArray(name), Symbolizer::DebugFile, &path);
+    *elf = nullptr;
+    return fd;
 }
 
 static const Dwfl_Callbacks callbacks = {
-    findNoElf, findNoDebuginfo, dwfl_offline_section_address, nullptr,
+    findNoElf, findDebugFile, dwfl_offline_section_address, nullptr,
 };
 
-static int debuginfodProgress(debuginfod_client *client, long, long)
+static const Dwfl_Callbacks lazyCallbacks = {
+    findElf, findDebugFile, dwfl_offline_section_address, nullptr,
+};
+
+Dwfl *Symbolizer::newDwfl(bool lazy)
 {
-    auto cancel = static_cast<const volatile std::sig_atomic_t *>(debuginfod_get_user_data(client));
-    return cancel && *cancel ? 1 : 0;
+    return dwfl_begin(lazy ? &lazyCallbacks : &callbacks);
+}
+
+bool Symbolizer::reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 start, quint64 end)
+{
+    Dwfl_Module *module = dwfl_report_module(dwfl, buildId.constData(), start, end);
+    if (!module)
+        return false;
+    const QByteArray bits = QByteArray::fromHex(buildId);
+    dwfl_module_report_build_id(module, reinterpret_cast<const unsigned char *>(bits.constData()), size_t(bits.size()), 0);
+    void **userdata = nullptr;
+    dwfl_module_info(module, &userdata, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    *userdata = this;
+    return true;
+}
+
+Dwfl_Module *Symbolizer::reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base)
+{
+    QByteArray path;
+    int fd = openFile(buildId, Executable, &path);
+    if (fd < 0)
+        fd = openFile(buildId, DebugFile, &path);
+    if (fd < 0)
+        return nullptr;
+    // A file filed under the wrong name would give wrong answers, worse than none.
+    Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+    const bool right = hasBuildId(elf, buildId);
+    elf_end(elf);
+    if (!right) {
+        qWarning("%s does not have the build ID it is filed under", path.constData());
+        close(fd);
+        return nullptr;
+    }
+    // Consumes fd.
+    Dwfl_Module *module = dwfl_report_elf(dwfl, buildId.constData(), path.constData(), fd, base, false);
+    if (!module)
+        return nullptr;
+    void **userdata = nullptr;
+    dwfl_module_info(module, &userdata, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    *userdata = this;
+    return module;
+}
+
+int Symbolizer::debuginfodProgress(debuginfod_client *client, long, long)
+{
+    auto self = static_cast<const Symbolizer *>(debuginfod_get_user_data(client));
+    return (self->m_cancel && *self->m_cancel) || QDateTime::currentMSecsSinceEpoch() > self->m_deadlineMs ? 1 : 0;
 }
 
 static QString demangled(const char *name)
@@ -83,10 +168,19 @@ Symbolizer::Symbolizer(const QStringList &symbolDirs)
     : m_symbolDirs(symbolDirs)
 {
     if (!qEnvironmentVariableIsEmpty("DEBUGINFOD_URLS")) {
+        // libdebuginfod waits 90 s for a silent server and a whole download unbounded by
+        // default: a server that hangs would hold each report for that long.
+        if (!qEnvironmentVariableIsSet("DEBUGINFOD_TIMEOUT"))
+            qputenv("DEBUGINFOD_TIMEOUT", "10");
+        if (!qEnvironmentVariableIsSet("DEBUGINFOD_MAXTIME"))
+            qputenv("DEBUGINFOD_MAXTIME", "60");
         m_debuginfod = debuginfod_begin();
-        if (m_debuginfod)
+        if (m_debuginfod) {
             debuginfod_set_progressfn(m_debuginfod, debuginfodProgress);
+            debuginfod_set_user_data(m_debuginfod, this);
+        }
     }
+    beginReport(std::numeric_limits<qint64>::max());
 }
 
 Symbolizer::~Symbolizer()
@@ -98,13 +192,21 @@ Symbolizer::~Symbolizer()
 
 QVector<Frame> Symbolizer::symbolize(const CrashDump &dump)
 {
+    QVector<StackAddress> stack;
+    for (int i = 0; i < dump.frames.size(); ++i)
+        stack << StackAddress{ i, dump.frames.at(i), i > 0 };
+    return symbolize(dump, stack);
+}
+
+QVector<Frame> Symbolizer::symbolize(const CrashDump &dump, const QVector<StackAddress> &stack)
+{
     QVector<Frame> frames;
-    for (int i = 0; i < dump.frames.size(); ++i) {
+    for (const StackAddress &address : stack) {
         Frame frame;
-        frame.index = i;
-        frame.address = dump.frames.at(i);
-        // Frames after the first are return addresses: the call lies just before.
-        const quint64 at = i > 0 && frame.address > 0 ? frame.address - 1 : frame.address;
+        frame.index = address.index;
+        frame.address = address.address;
+        // A return address: the call lies just before.
+        const quint64 at = address.returnAddress && frame.address > 0 ? frame.address - 1 : frame.address;
         QVector<Location> locations;
         DumpModule dumpModule;
         if (dump.moduleAt(at, &dumpModule)) {
@@ -122,6 +224,7 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump)
             line.function = locations.at(j).function;
             line.file = locations.at(j).file;
             line.line = locations.at(j).line;
+            line.fromSymbolTable = locations.at(j).fromSymbolTable;
             line.inlined = j + 1 < locations.size();
             frames << line;
         }
@@ -132,16 +235,82 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump)
 void Symbolizer::setCancelFlag(const volatile std::sig_atomic_t *flag)
 {
     m_cancel = flag;
-    if (m_debuginfod)
-        debuginfod_set_user_data(m_debuginfod, const_cast<std::sig_atomic_t *>(flag));
+}
+
+void Symbolizer::beginReport(qint64 deadlineMs)
+{
+    m_lookupsLeft = LookupBudget;
+    m_deadlineMs = deadlineMs;
+}
+
+int Symbolizer::openFile(const QByteArray &buildId, FileKind kind, QByteArray *path)
+{
+    const QString relative = QStringLiteral("/.build-id/%1/%2%3")
+                                     .arg(QString::fromLatin1(buildId.left(2)), QString::fromLatin1(buildId.mid(2)),
+                                          kind == DebugFile ? QStringLiteral(".debug") : QString());
+    for (const QString &dir : m_symbolDirs) {
+        *path = QFile::encodeName(dir + relative);
+        const int fd = open(path->constData(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0)
+            return fd;
+    }
+    const auto key = qMakePair(buildId, int(kind));
+    // Found before: debuginfod's own cache has it, and asking again would count as a lookup.
+    auto found = m_found.constFind(key);
+    if (found != m_found.constEnd()) {
+        *path = found.value();
+        const int fd = open(path->constData(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0)
+            return fd;
+        m_found.remove(key);
+    }
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    auto missed = m_misses.constFind(key);
+    if (missed != m_misses.constEnd() && now - missed.value() < MissSeconds)
+        return -1;
+    if (!m_debuginfod || (m_cancel && *m_cancel) || m_lookupsLeft <= 0
+        || QDateTime::currentMSecsSinceEpoch() > m_deadlineMs)
+        return -1;
+    --m_lookupsLeft;
+    char *cached = nullptr;
+    const auto id = reinterpret_cast<const unsigned char *>(buildId.constData());
+    const int fd = kind == DebugFile ? debuginfod_find_debuginfo(m_debuginfod, id, 0, &cached)
+                                     : debuginfod_find_executable(m_debuginfod, id, 0, &cached);
+    if (fd >= 0) {
+        *path = cached;
+        free(cached);
+        if (m_found.size() >= maxFound)
+            m_found.clear();
+        m_found.insert(key, *path);
+        return fd;
+    }
+    free(cached);
+    // Only a server's answer is a miss: a lookup cut short says nothing about the file.
+    if (fd != -ENOENT)
+        return -1;
+    if (m_misses.size() >= maxMisses) {
+        for (auto it = m_misses.begin(); it != m_misses.end();) {
+            if (now - it.value() >= MissSeconds)
+                it = m_misses.erase(it);
+            else
+                ++it;
+        }
+        if (m_misses.size() >= maxMisses)
+            m_misses.clear();
+    }
+    m_misses.insert(key, now);
+    return -1;
 }
 
 Symbolizer::Module *Symbolizer::module(const QByteArray &buildId)
 {
-    const qint64 now = QDateTime::currentSecsSinceEpoch();
     auto it = m_modules.find(buildId);
-    if (it == m_modules.end() || (!it.value()->module && now - it.value()->missingSince > missingRetrySeconds)) {
-        if (it == m_modules.end() && m_modules.size() >= maxModules) {
+    if (it == m_modules.end()) {
+        std::shared_ptr<Module> loaded = load(buildId);
+        // Nothing found: the miss is remembered apart, and no module is evicted for it.
+        if (!loaded->module)
+            return nullptr;
+        if (m_modules.size() >= maxModules) {
             auto oldest = m_modules.begin();
             for (auto o = m_modules.begin(); o != m_modules.end(); ++o) {
                 if (o.value()->lastUse < oldest.value()->lastUse)
@@ -149,55 +318,29 @@ Symbolizer::Module *Symbolizer::module(const QByteArray &buildId)
             }
             m_modules.erase(oldest);
         }
-        std::shared_ptr<Module> loaded = load(buildId);
         loaded->buildId = buildId;
-        loaded->missingSince = now;
         it = m_modules.insert(buildId, loaded);
     }
     it.value()->lastUse = ++m_useCount;
-    return it.value()->module ? it.value().get() : nullptr;
+    return it.value().get();
 }
 
+// From the executable where there is one, whose symbol tables name what no debug file does;
+// its debug file then comes through findDebugFile. Otherwise from the debug file alone.
+// From the executable where there is one, whose symbol tables name what no debug file does;
+// its debug file then comes through findDebugFile. Otherwise from the debug file alone. The
+// module's own address space: only offsets from its start matter.
 std::shared_ptr<Symbolizer::Module> Symbolizer::load(const QByteArray &buildId)
 {
     auto m = std::make_shared<Module>();
-    const QString relative = QStringLiteral("/.build-id/%1/%2.debug")
-                                     .arg(QString::fromLatin1(buildId.left(2)), QString::fromLatin1(buildId.mid(2)));
-    QByteArray path;
-    int fd = -1;
-    for (const QString &dir : m_symbolDirs) {
-        path = QFile::encodeName(dir + relative);
-        fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
-        if (fd >= 0)
-            break;
-    }
-    if (fd < 0 && m_debuginfod && !(m_cancel && *m_cancel)) {
-        char *cached = nullptr;
-        fd = debuginfod_find_debuginfo(m_debuginfod, reinterpret_cast<const unsigned char *>(buildId.constData()), 0, &cached);
-        if (fd >= 0)
-            path = cached;
-        free(cached);
-    }
-    if (fd < 0)
+    m->dwfl = newDwfl();
+    if (!m->dwfl)
         return m;
-
-    m->dwfl = dwfl_begin(&callbacks);
-    if (!m->dwfl) {
-        close(fd);
-        return m;
-    }
     dwfl_report_begin(m->dwfl);
-    // Consumes fd. The module's own address space: only offsets from its start matter.
-    Dwfl_Module *module = dwfl_report_elf(m->dwfl, buildId.constData(), path.constData(), fd, 0, false);
+    Dwfl_Module *module = reportModule(m->dwfl, buildId, 0);
     dwfl_report_end(m->dwfl, nullptr, nullptr);
-    const unsigned char *bits = nullptr;
-    GElf_Addr vaddr;
-    const int length = module ? dwfl_module_build_id(module, &bits, &vaddr) : -1;
-    // A file filed under the wrong name would give wrong answers, worse than none.
-    if (length <= 0 || QByteArray(reinterpret_cast<const char *>(bits), length).toHex() != buildId) {
-        qWarning("Debug file %s does not have the build ID it is filed under", path.constData());
+    if (!module)
         return m;
-    }
     Dwarf_Addr start;
     dwfl_module_info(module, nullptr, &start, nullptr, nullptr, nullptr, nullptr, nullptr);
     m->module = module;
@@ -268,7 +411,7 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
         GElf_Sym symbol;
         if (const char *name = dwfl_module_addrinfo(m->module, address, &offset, &symbol, nullptr, nullptr, nullptr)) {
             if (locations.isEmpty())
-                locations << Location{ demangled(name), file, line };
+                locations << Location{ demangled(name), file, line, file.isEmpty() };
             else
                 locations.last().function = demangled(name);
         }

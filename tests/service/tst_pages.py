@@ -37,6 +37,13 @@ FRAMES = [
      'function': 'Map::show', 'file': '/src/map.cpp', 'line': 121, 'inlined': False},
     {'frame': 1, 'address': '0x00007f7e0a42724a', 'module': 'libc.so.6', 'offset': '0x2724a', 'build_id': None,
      'function': None, 'file': None, 'line': None, 'inlined': False}]
+# A minicore's report: every thread, a message, and the core itself (its header is all the
+# download looks at).
+CORE = '\x7fELF\x02\x01\x01' + '\0' * 9 + '\x04\x00\x3e\x00' + '\0' * 44
+WAITING = [dict(FRAMES[2], frame=0, function='__futex_wait', symbol_table=True),
+           dict(FRAMES[2], frame=1, function='worker_wait', build_id='ab' * 20)]
+THREADS = [{'id': 101, 'name': 'main', 'crashed': True, 'frames': FRAMES, 'left_out': 0, 'from_process': 1},
+           {'id': 102, 'name': SCRIPT, 'crashed': False, 'frames': WAITING, 'left_out': 5, 'from_process': 0}]
 
 
 def day(ago):
@@ -67,6 +74,7 @@ REPORTS = [
     report(15, 0, state='new'),
     report(16, 100, 'Old::crash', archive='removed'),
     report(17, 2, EVIL, EVIL_VERSION), report(18, 2, EVIL, EVIL_VERSION), report(19, 14), report(21, 20, RENDER),
+    report(22, 60, 'Old::crash', frames=FRAMES, threads=THREADS, message='Assertion `n > 0\' failed.\n' + SCRIPT, capture='ptrace', dump=CORE),
 ]
 ID = {int(r['id'][9:], 16) - 0xfeed0000: r['id'] for r in REPORTS}
 REAL = 'crash'
@@ -102,6 +110,7 @@ ACCESS = [
     ('/crashes/report/%s/archive' % ID[16], 'admin', 410, 'removed from the store', True),
     ('/crashes/top.php', 'admin', 404, ''),
     ('/.store/%s/%s.zip' % (ID[1][:8], ID[1]), None, 404, ''),
+    ('/crashes/report/%s/minicore' % ID[1], 'admin', 404, 'has no minicore'),
 ]
 
 # A page and texts it shows, in this order.
@@ -113,6 +122,12 @@ PAGES = [
     ('report/' + ID[14], ['failed: the dump is truncated (3 attempts)', 'the first 65,536 of 100,000 bytes']),
     ('report/' + ID[15], ['waiting to be processed', 'none given']),
     ('report/' + ID[16], ['removed from the store on']),
+    # The message first; the crashing thread, then the others under their names; the recipes.
+    ('report/' + ID[22], ["Assertion `n > 0' failed. " + SCRIPT, 'Threads 2 threads, captured with ptrace', 'Crashing thread',
+                          'Map::load inlined', 'The last 1 frames are the return addresses', 'Other threads',
+                          'Thread 102 ' + SCRIPT, '__futex_wait symbol table', 'worker_wait ', '5 frames between',
+                          ID[22] + '.core', 'eu-stack --core=' + ID[22] + '.core',
+                          'debuginfod-find executable ' + 'ab' * 20 + ')" modules/libc.so.6', "file modules/libc.so.6"]),
     ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),
                                                    ID[9], ID[8], ID[10], ID[11], ID[12], ID[21]]),
 ]
@@ -239,6 +254,8 @@ class Pages(unittest.TestCase):
         self.assertEqual(headers['Content-Disposition'], 'attachment; filename="%s.zip"' % ID[1])
         with open(os.path.join(self.service.store, ID[1][:8], ID[1] + '.zip'), 'rb') as f:
             self.assertEqual(body, f.read())
+        status, headers, body = self.get('/crashes/report/%s/minicore' % ID[22])
+        self.assertEqual((status, headers['Content-Disposition'], body), (200, 'attachment; filename="%s.core"' % ID[22], CORE.encode('latin-1')))
 
     def test_browser(self):
         if self.database != 'sqlite':

@@ -5,7 +5,7 @@
 declare(strict_types=1);
 
 // The schema these scripts are written for: the number of the newest file in service/schema/.
-const SCHEMA_VERSION = 3;
+const SCHEMA_VERSION = 4;
 
 // The parts of a database URL: ['sqlite' => path] or, for PostgreSQL, dbname, host, port, user
 // and password ('' where the URL gives none). As libpq reads a URL: ?host=, ?port= and ?user=

@@ -147,7 +147,10 @@ function framesTable(string $json, int $limit = 256): string
         $offset = $text($frame, 'offset');
         $html .= '<tr' . ($inlined ? ' class="inlined"' : '') . '><td>' . ($number === $previous ? '' : h($number)) . '</td><td>'
                . ($function === '' ? '<span class="unknown">?</span>' : '<code>' . h($function) . '</code>')
-               . ($inlined ? ' <span class="tag">inlined</span>' : '') . '</td><td>'
+               . ($inlined ? ' <span class="tag">inlined</span>' : '')
+               . (($frame['symbol_table'] ?? false) === true && $function !== ''
+                  ? ' <span class="tag" title="named from the module\'s symbol table: no debug file, so no file or line">symbol table</span>' : '')
+               . '</td><td>'
                . ($file === '' ? '' : h($file . ($line === '' ? '' : ":$line"))) . '</td><td>'
                . h($module . ($offset === '' ? '' : "+$offset")) . "</td></tr>\n";
         $previous = $number;
