@@ -9,6 +9,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import zipfile
@@ -34,6 +35,18 @@ def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\n', extra=(), method=zipfile.Z
     return out.getvalue()
 
 
+def many_entries(count):
+    """A zip whose classic end record says 5 entries and whose ZIP64 record says count, with a
+    central directory of count entries that all name one empty local file."""
+    local = struct.pack('<IHHHHHIIIHH', 0x04034b50, 20, 0, 0, 0, 0, 0, 0, 0, 1, 0) + b'x'
+    entry = struct.pack('<IHHHHHHIIIHHHHHII', 0x02014b50, 45, 20, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0) + b'x'
+    directory = entry * count
+    end64 = struct.pack('<IQHHIIQQQQ', 0x06064b50, 44, 45, 45, 0, 0, count, count, len(directory), len(local))
+    locator = struct.pack('<IIQI', 0x07064b50, 0, len(local) + len(directory), 1)
+    end = struct.pack('<IHHHHIIH', 0x06054b50, 0, 0, 5, 5, 0xffffffff, 0xffffffff, 0)
+    return local + directory + end64 + locator + end
+
+
 def request(method, path, body=b'', content_type='', length=None):
     # Kept alive, as the sender's are, so that an answer cut off shows as such.
     head = '%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\n' % (method, path)
@@ -52,9 +65,10 @@ def upload_request(data, fields=FIELDS, files=None):
     return request('POST', '/upload', body + b'--B--\r\n', 'multipart/form-data; boundary=B')
 
 
-def exchange(port, raw):
-    """Sends raw bytes: (status, content type, body), or (None, '', '') if the answer is missing or cut off."""
-    with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS) as s:
+def exchange(port, raw, source='127.0.0.1'):
+    """Sends raw bytes from the source address: (status, content type, body), or (None, '', '') if
+    the answer is missing or cut off."""
+    with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS, source_address=(source, 0)) as s:
         s.sendall(raw)
         answer = http.client.HTTPResponse(s)
         try:
@@ -80,8 +94,20 @@ def processes(service, name):
     return [int(pid) for pid in [master] + subprocess.run(['pgrep', '-P', master], capture_output=True, text=True).stdout.split()]
 
 
+def status_of(pid, key):
+    """A line of /proc/PID/status, such as VmRSS or Uid; None once the process is gone."""
+    try:
+        with open('/proc/%d/status' % pid) as f:
+            return next((line.split(':', 1)[1].split() for line in f if line.startswith(key + ':')), None)
+    except FileNotFoundError:
+        return None
+
+
 class Service:
     def __init__(self, workdir, *options, db=None, store=None):
+        # As root, run.sh runs the workers as the service's user, who must get through to the data.
+        if os.geteuid() == 0:
+            os.chmod(workdir, 0o711)
         self.port = free_port()
         self.data = os.path.join(workdir, 'service-%d' % self.port)
         self.store = store or os.path.join(self.data, 'raw')
@@ -120,16 +146,26 @@ class Postgres:
         self.owner = ['runuser', '-u', 'postgres', '--'] if os.geteuid() == 0 else []
         if self.owner:
             shutil.chown(self.dir, 'postgres')
-        port = free_port()
-        self.url = 'postgresql://postgres@127.0.0.1:%d/postgres' % port
+        self.port = free_port()
+        self.url = 'postgresql://postgres@127.0.0.1:%d/postgres' % self.port
         self.pg('initdb', '-D', self.dir + '/db', '-U', 'postgres', '-A', 'trust')
+        self.start()
+
+    def start(self):
         self.pg('pg_ctl', '-D', self.dir + '/db', '-l', self.dir + '/log', '-w', 'start',
-                '-o', '-k %s -p %d -c listen_addresses=127.0.0.1' % (self.dir, port))
+                '-o', '-k %s -p %d -c listen_addresses=127.0.0.1' % (self.dir, self.port))
+
+    def sql(self, statements):
+        """Runs statements through psql, in a session that may write whatever the defaults say."""
+        subprocess.run(self.owner + ['env', 'PGOPTIONS=-c default_transaction_read_only=off', '/usr/lib/postgresql/15/bin/psql',
+                                     '-h', self.dir, '-p', str(self.port), '-U', 'postgres', '-qAt', '-v', 'ON_ERROR_STOP=1',
+                                     '-c', statements], check=True, stdout=subprocess.DEVNULL, timeout=HANG_SECONDS)
 
     def pg(self, tool, *args):
         subprocess.run(self.owner + ['/usr/lib/postgresql/15/bin/' + tool, *args], check=True,
                        stdout=subprocess.DEVNULL, timeout=HANG_SECONDS)
 
-    def stop(self):
+    def stop(self, keep=False):
         self.pg('pg_ctl', '-D', self.dir + '/db', '-m', 'fast', '-w', 'stop')
-        shutil.rmtree(self.dir)
+        if not keep:
+            shutil.rmtree(self.dir)
