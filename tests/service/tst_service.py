@@ -5,6 +5,8 @@ one PostgreSQL and one store."""
 import concurrent.futures
 import datetime
 import hashlib
+import http.client
+import io
 import json
 import os
 import pathlib
@@ -12,6 +14,7 @@ import random
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -20,13 +23,29 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, processes,
-                            query, request, upload_request)
+from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, many_entries,
+                            processes, query, request, status_of, upload_request)
 
 MAX = 1 << 20
 PLAIN = 'text/plain; charset=utf-8'
 DUMP = b'VELMORA-CRASH 1\n' + bytes(range(256)) * 40
 GOOD = archive(dump=DUMP)
+# An entry's cap: 16 MiB for the dump; a log's is MAX in test_uploads; the archive's, their sum
+# with info.ini's 64 KiB.
+DUMP_CAP = 16 << 20
+ARCHIVE_CAP = DUMP_CAP + (64 << 10) + MAX
+# A PHP-FPM worker's resident memory after the heavy archives and the long field.
+WORKER_MAX_MB = 64
+# The oldest waiting report's age that /health/queue alarms at, in test_life.
+QUEUE_ALARM = 1
+# A processor that dies is started again after 1 s at first (run.sh's back-off).
+RESTART_NOTE = 'starting it again in 1 s'
+
+
+def with_comment(data):
+    with zipfile.ZipFile(out := io.BytesIO(data), 'a') as z:
+        z.comment = b'x'
+    return out.getvalue()
 # One bit changed in the middle of the dump's compressed bytes, as zipfile deflates them.
 DEFLATED = (deflate := zlib.compressobj(wbits=-15)).compress(DUMP) + deflate.flush()
 FLIPPED = GOOD.replace(DEFLATED, DEFLATED[:190] + bytes([DEFLATED[190] ^ 0x10]) + DEFLATED[191:])
@@ -48,7 +67,18 @@ HOSTILE = [
     ('one flipped bit', upload_request(FLIPPED), 422, 'Report refused: entry 1 of the archive is damaged.'),
     ('no info.ini', upload_request(archive(info=None)), 422, 'Report refused: the archive holds no info.ini.'),
     ('too many entries', upload_request(archive(extra=[('e%d' % i, b'') for i in range(14)])), 422, 'Report refused: the archive holds 17 entries'),
-    ('zip bomb', upload_request(archive(extra=[('big', bytes(16 * MAX + 1))])), 422, 'Report refused: the archive unpacks to more than 16777216'),
+    ('ZIP64 records', upload_request(many_entries(3)), 422, 'Report refused: the archive is in ZIP64 form'),
+    ('a comment after the end', upload_request(with_comment(GOOD)), 422, 'Report refused: the file is not a readable zip archive.'),
+    ('central directory over 64 KiB', upload_request(archive(extra=[('n%d' % i + 'x' * 5100, b'') for i in range(13)])), 422,
+     "Report refused: the archive's central directory is over 65536 bytes."),
+    ('dump over its cap', upload_request(archive(dump=b'VELMORA-CRASH 1\n' + bytes(DUMP_CAP))), 422,
+     'Report refused: entry 1 of the archive unpacks to more than %d bytes.' % DUMP_CAP),
+    ('log over its cap', upload_request(archive(extra=[('old.log', bytes(MAX + 1))])), 422,
+     'Report refused: entry 2 of the archive, a log, unpacks to more than %d bytes.' % MAX),
+    ('zip bomb', upload_request(archive(dump=b'VELMORA-CRASH 1\n' + bytes(DUMP_CAP - 16), extra=[('a.log', bytes(MAX)), ('b.log', bytes(MAX))])), 422,
+     'Report refused: the archive unpacks to more than %d bytes.' % ARCHIVE_CAP),
+    ('NUL in the description', upload_request(archive('[General]\nversion=3.0.0\ndescription=a\\0b\n')), 422,
+     "Report refused: info.ini's version or description holds a NUL character."),
     ('info.ini too long', upload_request(archive(info=';' * 65537)), 422, 'Report refused: info.ini is over 65536 bytes.'),
     ('too many fields', upload_request(GOOD, {'f%d' % i: '' for i in range(65)}), 400, 'Report refused: the upload holds too many form fields.'),
     ('field too long', upload_request(GOOD, {'product': 'x' * 1025}), 400, 'Report refused: the form field "product" is over'),
@@ -74,7 +104,7 @@ class ServiceTest(unittest.TestCase):
         return service
 
     def test_uploads(self):
-        service = self.start('--max-bytes', str(MAX), '--body-timeout', '2', '--rate-limit', '0')
+        service = self.start('--max-bytes', str(MAX), '--max-log-bytes', str(MAX), '--body-timeout', '2', '--rate-limit', '0')
         for name, raw, status, line in HOSTILE:
             with self.subTest(name):
                 before = service.rows(), service.stored()
@@ -82,6 +112,23 @@ class ServiceTest(unittest.TestCase):
                 self.assertEqual((answer[0], answer[1], '\n' in answer[2]), (status, PLAIN if status else '', False), answer)
                 self.assertTrue(answer[2].startswith(line), answer)
                 self.assertEqual((service.rows(), service.stored()), before)
+        with self.subTest('slow uploads from one address'):
+            # Ten uploads whose last bytes never come: four are held until the body timeout, the
+            # rest refused at once; another address's upload is answered meanwhile.
+            slow = [socket.create_connection(('127.0.0.1', service.port), timeout=HANG_SECONDS) for _ in range(10)]
+            for connection in slow:
+                connection.sendall(upload_request(GOOD)[:-100])
+            self.assertEqual(exchange(service.port, upload_request(GOOD), source='127.0.0.2')[0], 200)
+            answers = []
+            for connection in slow:
+                with connection:
+                    answer = http.client.HTTPResponse(connection)
+                    try:
+                        answer.begin()
+                        answers.append(answer.status)
+                    except http.client.RemoteDisconnected:
+                        answers.append(None)
+            self.assertEqual((answers.count(None), answers.count(429)), (4, 6))
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
         for data, fields, version, description in [(archive(escaped), {'product': 'Velmora ü'}, '3.0.1', 'Crash, then "été" ☺'),
