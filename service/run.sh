@@ -519,13 +519,16 @@ while true; do
     nap=$((tidy_at - SECONDS))
     for n in "${!due[@]}"; do [ $((due[$n] - SECONDS)) -ge "$nap" ] || nap=$((due[$n] - SECONDS)); done
     [ "$nap" -ge 1 ] || nap=1
-    sleep "$nap" {lock}>&- &
+    [ "$nap" -le 60 ] || nap=60
+    # Holding none of run.sh's files, so that one left by a killed run.sh keeps no pipe open.
+    sleep "$nap" </dev/null >/dev/null 2>&1 {lock}>&- &
     timer=$!
     finished=
     status=0
     live=()
     for pid in "${pids[@]}"; do [ "$pid" = 0 ] || live+=("$pid"); done
-    wait -n -p finished "${live[@]}" "$timer" || status=$?
+    # Quiet: a processor killed is told below, not as bash's job notice.
+    wait -n -p finished "${live[@]}" "$timer" 2>/dev/null || status=$?
     kill "$timer" 2>/dev/null || true
     [ "${finished:-}" != "$timer" ] || continue
     for i in "${!pids[@]}"; do

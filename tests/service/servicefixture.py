@@ -117,6 +117,8 @@ class Service:
 
     def start(self):
         """Starts run.sh and returns once it says it serves; its errors go to the test's stderr."""
+        if getattr(self, 'process', None):
+            self.process.stdout.close()
         self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, text=True)
         if not any(line.startswith('Service on') for line in self.process.stdout):
             raise RuntimeError('the service did not start')

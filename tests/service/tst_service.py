@@ -10,6 +10,7 @@ import io
 import json
 import os
 import pathlib
+import pwd
 import random
 import re
 import shutil
@@ -146,7 +147,7 @@ class ServiceTest(unittest.TestCase):
                     self.assertEqual(stored.read(), data)
 
     def test_life(self):
-        service = self.start('--keep-days', '30', '--rate-limit', '2')
+        service = self.start('--keep-days', '30', '--rate-limit', '2', '--queue-alarm', str(QUEUE_ALARM))
         report, orphan = [re.search(r'Report (\S+) received', exchange(service.port, upload_request(GOOD))[2])[1] for _ in range(2)]
         service.stop()
         # One report is made a long past day's and the other loses its row: an upload cut off
@@ -165,7 +166,8 @@ class ServiceTest(unittest.TestCase):
         self.assertIsNotNone(service.rows()[old]['archive_removed_at'])
         for options, line in [(['--data', self.work + '/other'], 'port %d on 127.0.0.1 is taken' % service.port),
                               (['--port', str(free_port())], 'another service is already running on ' + service.data),
-                              (['--public-url', 'http://[::1]:8750/upload'], 'the sender takes a line with brackets')]:
+                              (['--public-url', 'http://[::1]:8750/upload'], 'the sender takes a line with brackets'),
+                              *[(['--user', 'nosuchuser'], "the user 'nosuchuser', which does not exist")] * (os.geteuid() == 0)]:
             refused = subprocess.run([RUN_SH, *service.options, *options], capture_output=True, text=True, timeout=HANG_SECONDS)
             self.assertEqual((refused.returncode, refused.stdout.find('Service on')), (1, -1))
             self.assertIn(line, refused.stderr)
@@ -174,10 +176,34 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual({(status, 'url = http://127.0.0.1:%d/upload' % service.port in text) for status, _, text in info}, {(200, True)})
         self.assertEqual([exchange(service.port, upload_request(GOOD))[0] for _ in range(3)], [200, 200, 429])
         self.assertEqual(exchange(service.port, upload_request(GOOD))[2], 'Report refused: too many uploads from this address; please try again later.')
-        self.assertRegex(exchange(service.port, request('GET', '/health'))[2], r'^OK: schema \d+, 3 reports waiting')
+        self.assertRegex(exchange(service.port, request('GET', '/health'))[2], r'^OK: schema \d+, 3 reports waiting, the oldest for \d+ s')
+        # No processor runs: the queue's alarm goes off once the oldest report waited past it.
+        deadline = time.monotonic() + HANG_SECONDS
+        while (queue := exchange(service.port, request('GET', '/health/queue')))[0] == 200 and time.monotonic() < deadline:
+            time.sleep(0.1)
+        self.assertEqual(queue[0], 503)
+        self.assertRegex(queue[2], r'^Queue stalled: the oldest of 3 waiting reports has waited \d+ s, past the alarm of %d s\.$' % QUEUE_ALARM)
+        with self.subTest('started as root'):
+            if os.geteuid() != 0:
+                self.skipTest('only a service started as root runs its workers as the velmora user')
+            velmora = pwd.getpwnam('velmora').pw_uid
+            workers = processes(service, 'nginx')[1:] + processes(service, 'php-fpm')[1:]
+            self.assertEqual({int(status_of(pid, 'Uid')[1]) for pid in workers}, {velmora})
+            self.assertEqual((os.stat(service.data).st_uid, os.stat(service.data).st_mode & 0o777), (velmora, 0o700))
+        # A master or run.sh killed leaves nothing behind that keeps the service from starting again.
+        alive = lambda pid: (status_of(pid, 'State') or ['Z'])[0] != 'Z'
+        for victim in ('nginx', 'php-fpm', 'run.sh'):
+            with self.subTest('%s killed' % victim):
+                masters = {name: processes(service, name) for name in ('nginx', 'php-fpm')}
+                started = masters['nginx'] + masters['php-fpm']
+                os.kill(masters[victim][0] if victim != 'run.sh' else service.process.pid, signal.SIGKILL)
+                service.process.wait(timeout=HANG_SECONDS)
+                service.start()
+                self.assertEqual([pid for pid in started if alive(pid)], [])
+                self.assertEqual(exchange(service.port, request('GET', '/health'))[0], 200)
         started = processes(service, 'nginx') + processes(service, 'php-fpm')
         service.stop()
-        self.assertEqual([pid for pid in started if os.path.exists('/proc/%d' % pid)], [])
+        self.assertEqual([pid for pid in started if alive(pid)], [])
 
     def upload(self, services, count, threads, meanwhile=lambda: None):
         """Sends count distinct 400 KB archives (stored: the random dump does not deflate) spread
@@ -205,7 +231,14 @@ class ServiceTest(unittest.TestCase):
         return ids
 
     def test_parallel_then_workers_killed(self):
-        service = self.start('--rate-limit', '0', '--workers', '4')
+        service = self.start('--rate-limit', '0', '--conn-limit', '0', '--workers', '4')
+        # The heavy ones, each refused, and no worker keeps what they cost: a ZIP64 count that
+        # libzip would take, a bomb, a form field as long as a whole request may be.
+        bomb = archive(dump=b'VELMORA-CRASH 1\n' + bytes(64 << 20))
+        for raw, status in ((upload_request(many_entries(400000)), 422), (upload_request(bomb), 422),
+                            (upload_request(GOOD, {'product': 'x' * (48 << 20)}), 400)):
+            self.assertEqual(exchange(service.port, raw)[0], status)
+        self.assertLessEqual(max(int(status_of(pid, 'VmRSS')[0]) for pid in processes(service, 'php-fpm')[1:]) >> 10, WORKER_MAX_MB)
         answers = self.upload([service], 200, 200)
         self.assertEqual([status for status, _, _ in answers], [200] * 200)
         self.assertEqual(len(self.assertStoredOnce(service, answers)), 200)
@@ -233,19 +266,62 @@ class ServiceTest(unittest.TestCase):
         os.mkdir(store)
         subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=1m', 'tmpfs', store], check=True)
         self.addCleanup(subprocess.run, ['umount', store], check=True)
-        service = self.start(store=store)
+        service = self.start('--max-bytes', '450000', store=store)
         answers = self.upload([service], 3, 1)
         self.assertEqual([status for status, _, _ in answers], [200, 200, 507])
         self.assertEqual(answers[2][2], 'Report not stored: the service has no room left; please try again later.')
+        health = exchange(service.port, request('GET', '/health'))
+        self.assertEqual(health[0], 507)
+        self.assertTrue(health[2].startswith('Not ready: the store %s is full' % store), health)
         self.assertStoredOnce(service, answers)
 
     def test_two_collectors_on_postgresql(self):
         postgres = Postgres()
         self.addCleanup(postgres.stop)
-        services = [self.start('--rate-limit', '0', db=postgres.url, store=self.work + '/shared') for _ in range(2)]
+        services = [self.start('--rate-limit', '0', '--conn-limit', '0', '--processors', str(n), db=postgres.url, store=self.work + '/shared')
+                    for n in (1, 0)]
         answers = self.upload(services, 500, 16)
         self.assertEqual([status for status, _, _ in answers], [200] * 500)
         self.assertEqual(len(self.assertStoredOnce(services[0], answers)), 500)
+        # PostgreSQL cuts text at a NUL, where SQLite keeps it: refused on both.
+        self.assertEqual(exchange(services[1].port, upload_request(archive('[General]\nversion=3.0.0\ndescription=a\\0b\n')))[0], 422)
+        log = services[0].data + '/log/processor-1.log'
+
+        def processor():
+            """The running processor: run.sh lists every group it started, the dead ones too."""
+            with open(services[0].data + '/run.groups') as f:
+                return next(int(pid) for pid in reversed(f.read().split())
+                            if os.path.realpath('/proc/%s/exe' % pid).endswith('/velmora-processor'))
+
+        def processed():
+            """Uploads one report, answered 200, and waits until a processor has done it."""
+            status, _, line = exchange(services[1].port, upload_request(GOOD))
+            self.assertEqual(status, 200, line)
+            report, deadline = re.match(r'Report (\S+) received', line)[1], time.monotonic() + HANG_SECONDS
+            while query(postgres.url, 'SELECT state FROM reports WHERE id = ?', report) != [{'state': 'done'}]:
+                self.assertLess(time.monotonic(), deadline, 'report %s not processed' % report)
+                time.sleep(0.1)
+        with self.subTest('processor killed'):
+            first = processor()
+            if os.geteuid() == 0:
+                self.assertEqual(int(status_of(first, 'Uid')[1]), pwd.getpwnam('velmora').pw_uid)
+            os.kill(first, signal.SIGKILL)
+            processed()
+            self.assertNotEqual(processor(), first)
+            self.assertIn(RESTART_NOTE, pathlib.Path(log).read_text())
+        with self.subTest('database restarted'):
+            postgres.stop(keep=True)
+            postgres.start()
+            processed()
+            self.assertEqual(len(re.findall('^Database: ', pathlib.Path(log).read_text(), re.M)), 2)
+        with self.subTest('database read-only'):
+            postgres.sql("ALTER DATABASE postgres SET default_transaction_read_only = on; SELECT pg_terminate_backend(pid) "
+                         "FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND backend_type = 'client backend'")
+            self.assertEqual(exchange(services[1].port, upload_request(GOOD))[:3:2],
+                             (503, 'Report not stored: the database is unavailable; please try again later.'))
+            health = exchange(services[1].port, request('GET', '/health'))
+            self.assertEqual(health[0], 503)
+            self.assertTrue(health[2].startswith('Not ready: the database refuses writes: '), health)
 
 
 if __name__ == '__main__':
