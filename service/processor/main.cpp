@@ -90,7 +90,7 @@ static int work(Processor &processor, ReportDatabase &database, bool drain, int 
             // The database may be restarting: try again with a fresh connection.
             if (retrySeconds == 0)
                 qWarning("Database: %s; trying again, at most every %d s, until it is back",
-                         qUtf8Printable(database.lastError()), int(DatabaseRetryMaxSeconds));
+                         qUtf8Printable(database.lastError().simplified()), int(DatabaseRetryMaxSeconds));
             retrySeconds = retrySeconds == 0 ? 1 : std::min(2 * retrySeconds, int(DatabaseRetryMaxSeconds));
             idle(retrySeconds);
             while (!stopRequested && !database.reopen()) {

@@ -311,6 +311,10 @@ class ServiceTest(unittest.TestCase):
             self.assertIn(RESTART_NOTE, pathlib.Path(log).read_text())
         with self.subTest('database restarted'):
             postgres.stop(keep=True)
+            # The processor's first try to connect again, while the database is away, fails.
+            with socket.create_server(('127.0.0.1', postgres.port)) as standin:
+                standin.settimeout(HANG_SECONDS)
+                standin.accept()[0].close()
             postgres.start()
             processed()
             self.assertEqual(len(re.findall('^Database: ', pathlib.Path(log).read_text(), re.M)), 2)
