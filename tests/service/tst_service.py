@@ -27,6 +27,7 @@ import zlib
 from servicefixture import (HANG_SECONDS, INFO_INI, RUN_SH, Postgres, Service, archive, exchange, free_port, many_entries,
                             processes, query, request, status_of, upload_request)
 
+BIN = os.environ.get('VELMORA_BIN', os.path.join(os.path.dirname(os.path.dirname(RUN_SH)), 'build/bin'))
 MAX = 1 << 20
 PLAIN = 'text/plain; charset=utf-8'
 DUMP = b'VELMORA-CRASH 1\n' + bytes(range(256)) * 40
@@ -205,6 +206,33 @@ class ServiceTest(unittest.TestCase):
         service.stop()
         self.assertEqual([pid for pid in started if alive(pid)], [])
 
+    def test_deploy(self):
+        """The real host's files, made from the templates that run.sh uses, as nginx, PHP-FPM and
+        systemd read them."""
+        root = self.work
+        subprocess.run(['openssl', 'req', '-x509', '-newkey', 'rsa:2048', '-nodes', '-keyout', root + '/key.pem', '-out',
+                        root + '/cert.pem', '-days', '1', '-subj', '/CN=localhost'], check=True, capture_output=True, timeout=HANG_SECONDS)
+        user = 'velmora' if os.geteuid() == 0 else pwd.getpwuid(os.geteuid()).pw_name
+        subprocess.run([RUN_SH, '--deploy', root + '/etc', '--install-root', os.path.dirname(os.path.dirname(RUN_SH)), '--user', user,
+                        '--data', root + '/data', '--logs', root + '/log', '--cache', root + '/cache', '--cert', root + '/cert.pem',
+                        '--cert-key', root + '/key.pem', '--processor', os.path.join(BIN, 'velmora-processor')],
+                       check=True, capture_output=True, timeout=HANG_SECONDS)
+        os.mkdir(root + '/log')
+        # The site in a main file as Debian's: the main-context snippet and the events block's.
+        pathlib.Path(root + '/nginx.conf').write_text(
+            'pid {0}/nginx.pid;\nerror_log {0}/error.log;\ninclude {0}/etc/nginx-main.conf;\n'
+            'events {{ include {0}/etc/nginx-events.conf; }}\nhttp {{ include {0}/etc/nginx-site.conf; }}\n'.format(root))
+        pathlib.Path(root + '/php-fpm.conf').write_text(
+            '[global]\npid = {0}/php-fpm.pid\nerror_log = {0}/php-fpm.log\ninclude = {0}/etc/php-fpm-pool.conf\n'.format(root))
+        units = sorted(str(unit) for unit in pathlib.Path(root + '/etc/systemd').iterdir())
+        for command in (['nginx', '-t', '-p', root, '-c', root + '/nginx.conf'], ['php-fpm8.2', '-t', '-y', root + '/php-fpm.conf'],
+                        ['systemd-analyze', 'verify', *units] if shutil.which('systemd-analyze') else None):
+            with self.subTest(command and command[0]):
+                if command is None:
+                    self.skipTest('systemd-analyze is not installed here')
+                checked = subprocess.run(command, capture_output=True, text=True, timeout=HANG_SECONDS, env=dict(os.environ, PATH='/usr/sbin:/usr/bin:/sbin:/bin'))
+                self.assertEqual(checked.returncode, 0, checked.stderr)
+
     def upload(self, services, count, threads, meanwhile=lambda: None):
         """Sends count distinct 400 KB archives (stored: the random dump does not deflate) spread
         over the services, calling meanwhile every 50 ms until all are answered; returns the answers."""
@@ -278,8 +306,8 @@ class ServiceTest(unittest.TestCase):
     def test_two_collectors_on_postgresql(self):
         postgres = Postgres()
         self.addCleanup(postgres.stop)
-        services = [self.start('--rate-limit', '0', '--conn-limit', '0', '--processors', str(n), db=postgres.url, store=self.work + '/shared')
-                    for n in (1, 0)]
+        services = [self.start('--rate-limit', '0', '--conn-limit', '0', '--processors', str(n), '--processor',
+                               os.path.join(BIN, 'velmora-processor'), db=postgres.url, store=self.work + '/shared') for n in (1, 0)]
         answers = self.upload(services, 500, 16)
         self.assertEqual([status for status, _, _ in answers], [200] * 500)
         self.assertEqual(len(self.assertStoredOnce(services[0], answers)), 500)
