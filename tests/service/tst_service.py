@@ -217,7 +217,8 @@ class ServiceTest(unittest.TestCase):
                         '--data', root + '/data', '--logs', root + '/log', '--cache', root + '/cache', '--cert', root + '/cert.pem',
                         '--cert-key', root + '/key.pem', '--processor', os.path.join(BIN, 'velmora-processor')],
                        check=True, capture_output=True, timeout=HANG_SECONDS)
-        os.mkdir(root + '/log')
+        for folder in ('/log', '/cache'):
+            os.mkdir(root + folder)
         # The site in a main file as Debian's: the main-context snippet and the events block's.
         pathlib.Path(root + '/nginx.conf').write_text(
             'pid {0}/nginx.pid;\nerror_log {0}/error.log;\ninclude {0}/etc/nginx-main.conf;\n'
