@@ -233,7 +233,7 @@ if [ -n "$deploy" ]; then
     server_name $server_name;
     ssl_certificate $cert;
     ssl_certificate_key $cert_key;
-    ssl_protocol TLSv1.2 TLSv1.3;
+    ssl_protocols TLSv1.2 TLSv1.3;
     ssl_session_cache shared:velmora_tls:10m;"
     extra=(SERVER "$server_lines" RUN "$config_dir" INCLUDES "" CACHE "$cache/pages"
         ERROR_LOG "error_log \"$logs/nginx-error.log\" error;" FPM_SOCKET /run/php/velmora3.sock POOL velmora3
