@@ -1,7 +1,9 @@
 """The service on a real nginx, PHP-FPM and PostgreSQL: what an upload is refused for, what is
-stored and how, how run.sh starts, tidies and stops, and the service under load and failure:
-uploads in parallel, PHP-FPM workers killed in a storm, a full store, and two collectors sharing
-one PostgreSQL and one store."""
+stored and how, how run.sh starts, tidies, stops and starts again after a master or itself was
+killed, and the service under load and failure: slow clients, heavy archives, uploads in
+parallel, PHP-FPM workers killed in a storm, a full store, two collectors sharing one PostgreSQL
+and one store, a processor killed, the database restarted and made read-only under them; and
+the real host's files as nginx, PHP-FPM and systemd read them."""
 import concurrent.futures
 import datetime
 import hashlib
