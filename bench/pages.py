@@ -92,6 +92,8 @@ def run(work, name, db):
 
 def main():
     work = tempfile.mkdtemp(prefix='velmora-bench.')
+    # Started as root, the service's workers run as its own user, who must get through.
+    os.chmod(work, 0o711)
     postgres = None
     try:
         print('%d reports, %d clients, medians of %d rounds of %d s; ratio: p95 against the static file'

@@ -26,6 +26,9 @@ processor=$(dirname "$bin")/velmora-processor
 port=${DEMO_PORT:-8750}
 
 work=$(mktemp -d -t velmora-demo.XXXXXX)
+# Started as root, run.sh runs the service's workers and processors as its own user, who must
+# get through to the service's data and the debug files here.
+chmod 711 "$work"
 crash=$work/crash
 service=$work/service
 mkdir "$crash"

@@ -15,3 +15,6 @@ apt-get install -y --no-install-recommends \
     elfutils libdw-dev libdebuginfod-dev debuginfod libc6-dbg lld strace faketime gdb \
     libqt5sql5-sqlite libqt5sql5-psql \
     chromium chromium-driver python3-selenium
+# The service's own user: service/run.sh started as root runs its workers and processors as it.
+id velmora >/dev/null 2>&1 \
+    || useradd --system --user-group --no-create-home --home-dir /nonexistent --shell /usr/sbin/nologin velmora

@@ -9,6 +9,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QJsonDocument>
+#include <algorithm>
 #include <cstdio>
 #include <poll.h>
 #include <unistd.h>
@@ -57,11 +58,21 @@ static int failure(const QString &message)
     return ExitFailure;
 }
 
+// While the database is away (a restart, a failover, a lost connection), the processor tries
+// again after 1 s, doubling up to this, and says so once when it goes and once when it is back.
+enum { DatabaseRetryMaxSeconds = 30 };
+
 static int work(Processor &processor, ReportDatabase &database, bool drain, int pollSeconds)
 {
     int done = 0, failed = 0;
+    int retrySeconds = 0;
     while (!stopRequested) {
-        switch (processor.processNext()) {
+        const Processor::Outcome outcome = processor.processNext();
+        if (outcome != Processor::DatabaseError && retrySeconds > 0) {
+            qWarning("Database: back; processing again");
+            retrySeconds = 0;
+        }
+        switch (outcome) {
         case Processor::Done: ++done; break;
         case Processor::Failed: ++failed; break;
         case Processor::Released:
@@ -77,9 +88,15 @@ static int work(Processor &processor, ReportDatabase &database, bool drain, int 
             if (drain)
                 return failure(database.lastError());
             // The database may be restarting: try again with a fresh connection.
-            qWarning("Database: %s", qUtf8Printable(database.lastError()));
-            idle(pollSeconds);
-            database.reopen();
+            if (retrySeconds == 0)
+                qWarning("Database: %s; trying again, at most every %d s, until it is back",
+                         qUtf8Printable(database.lastError().simplified()), int(DatabaseRetryMaxSeconds));
+            retrySeconds = retrySeconds == 0 ? 1 : std::min(2 * retrySeconds, int(DatabaseRetryMaxSeconds));
+            idle(retrySeconds);
+            while (!stopRequested && !database.reopen()) {
+                retrySeconds = std::min(2 * retrySeconds, int(DatabaseRetryMaxSeconds));
+                idle(retrySeconds);
+            }
             break;
         }
     }

@@ -89,7 +89,9 @@ bool ReportDatabase::reopen()
     QSqlDatabase db = QSqlDatabase::database(m_connection, false);
     db.close();
     if (!db.open()) {
-        m_error = db.lastError().text();
+        m_error = db.lastError().text().trimmed();
+        if (m_error.isEmpty())
+            m_error = QStringLiteral("the database cannot be reached");
         return false;
     }
     if (!m_postgres) {
@@ -310,19 +312,39 @@ void ReportDatabase::rollback()
 // Unprepared: PostgreSQL prepares no transaction control.
 bool ReportDatabase::execute(const QString &sql)
 {
+    if (!connected())
+        return false;
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     if (query.exec(sql))
         return true;
-    m_error = query.lastError().text();
+    m_error = errorText(query);
     return false;
 }
 
 bool ReportDatabase::run(QSqlQuery &query)
 {
+    if (!connected())
+        return false;
     if (query.exec())
         return true;
-    m_error = query.lastError().text();
+    m_error = errorText(query);
     return false;
+}
+
+// Qt refuses a query on a closed connection with a warning of its own and no error at all: the
+// connection is looked at first, so that a database gone away never reads as "nothing to do".
+bool ReportDatabase::connected()
+{
+    if (QSqlDatabase::database(m_connection, false).isOpen())
+        return true;
+    m_error = QStringLiteral("the connection to the database is closed");
+    return false;
+}
+
+QString ReportDatabase::errorText(const QSqlQuery &query)
+{
+    const QString text = query.lastError().text().trimmed();
+    return text.isEmpty() ? QStringLiteral("a query failed without a reason from the database") : text;
 }
 
 bool ReportDatabase::endClaim(const Claim &claim, const QString &state, const QString &failure)

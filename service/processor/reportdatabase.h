@@ -43,6 +43,7 @@ public:
     ~ReportDatabase();
 
     bool open(const QString &url, QString *error);
+    // Makes the connection anew; false, with lastError, while the database cannot be reached.
     bool reopen();
     QString lastError() const { return m_error; }
 
@@ -69,6 +70,8 @@ private:
     void rollback();
     bool execute(const QString &sql);
     bool run(QSqlQuery &query);
+    bool connected();
+    static QString errorText(const QSqlQuery &query);
     bool endClaim(const Claim &claim, const QString &state, const QString &failure);
     bool forget(const Claim &claim);
     bool uncount(const Claim &claim);

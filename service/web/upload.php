@@ -11,8 +11,6 @@ require __DIR__ . '/lib/reports.php';
 const FILE_FIELD = 'dumpfile';
 const FIELD_NAME_MAX_BYTES = 64;
 const FIELD_VALUE_MAX_BYTES = 1024;
-// A zip bomb is refused once it inflates to this many times the largest archive accepted.
-const UNPACKED_PER_PACKED = 16;
 
 function answer(int $status, string $line): never
 {
@@ -90,7 +88,7 @@ function accept(): string
     $maxBytes = (int) $config['max_bytes'];
     $archive = uploadedArchive($maxBytes);
     $fields = checkedFields($_POST);
-    [$version, $description] = checkArchive($archive, $maxBytes * UNPACKED_PER_PACKED);
+    [$version, $description] = checkArchive($archive, (int) ($config['max_log_bytes'] ?? 32 << 20));
 
     $db = openDatabase($config['db'], true);
     $store = new FileStore($config['store']);

@@ -10,6 +10,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -51,6 +52,18 @@ def archive(info=INFO_INI, dump=b'VELMORA-CRASH 1\n', extra=(), method=zipfile.Z
     return out.getvalue()
 
 
+def many_entries(count):
+    """A zip whose classic end record says 5 entries and whose ZIP64 record says count, with a
+    central directory of count entries that all name one empty local file."""
+    local = struct.pack('<IHHHHHIIIHH', 0x04034b50, 20, 0, 0, 0, 0, 0, 0, 0, 1, 0) + b'x'
+    entry = struct.pack('<IHHHHHHIIIHHHHHII', 0x02014b50, 45, 20, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0) + b'x'
+    directory = entry * count
+    end64 = struct.pack('<IQHHIIQQQQ', 0x06064b50, 44, 45, 45, 0, 0, count, count, len(directory), len(local))
+    locator = struct.pack('<IIQI', 0x07064b50, 0, len(local) + len(directory), 1)
+    end = struct.pack('<IHHHHIIH', 0x06054b50, 0, 0, 5, 5, 0xffffffff, 0xffffffff, 0)
+    return local + directory + end64 + locator + end
+
+
 def request(method, path, body=b'', content_type='', length=None):
     # Kept alive, as the sender's are, so that an answer cut off shows as such.
     head = '%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\n' % (method, path)
@@ -69,9 +82,10 @@ def upload_request(data, fields=FIELDS, files=None):
     return request('POST', '/upload', body + b'--B--\r\n', 'multipart/form-data; boundary=B')
 
 
-def exchange(port, raw):
-    """Sends raw bytes: (status, content type, body), or (None, '', '') if the answer is missing or cut off."""
-    with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS) as s:
+def exchange(port, raw, source='127.0.0.1'):
+    """Sends raw bytes from the source address: (status, content type, body), or (None, '', '') if
+    the answer is missing or cut off."""
+    with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS, source_address=(source, 0)) as s:
         s.sendall(raw)
         answer = http.client.HTTPResponse(s)
         try:
@@ -97,8 +111,20 @@ def processes(service, name):
     return [int(pid) for pid in [master] + subprocess.run(['pgrep', '-P', master], capture_output=True, text=True).stdout.split()]
 
 
+def status_of(pid, key):
+    """A line of /proc/PID/status, such as VmRSS or Uid; None once the process is gone."""
+    try:
+        with open('/proc/%d/status' % pid) as f:
+            return next((line.split(':', 1)[1].split() for line in f if line.startswith(key + ':')), None)
+    except FileNotFoundError:
+        return None
+
+
 class Service:
     def __init__(self, workdir, *options, db=None, store=None, env=None):
+        # As root, run.sh runs the workers as the service's user, who must get through to the data.
+        if os.geteuid() == 0:
+            os.chmod(workdir, 0o711)
         self.port = None
         self.env = env and dict(os.environ, **env)
         self.data = tempfile.mkdtemp(prefix='service-', dir=workdir)
@@ -113,6 +139,8 @@ class Service:
     def start(self):
         """Starts run.sh and returns once it says it serves, on a port it found free (the one it
         had, when it can); its errors go to the test's stderr."""
+        if getattr(self, 'process', None):
+            self.process.stdout.close()
         def on(port):
             self.port = port
             self.process = subprocess.Popen([RUN_SH, *self.options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
@@ -159,13 +187,34 @@ class Postgres:
         # No TCP port at all: the socket in its own folder is no other run's.
         self.url = 'postgresql://postgres@/postgres?host=' + self.dir
         self.pg('initdb', '-D', self.dir + '/db', '-U', 'postgres', '-A', 'trust')
+        self.start()
+
+    def start(self):
         self.pg('pg_ctl', '-D', self.dir + '/db', '-l', self.dir + '/log', '-w', '-t', str(HANG_SECONDS), 'start',
                 '-o', "-k %s -c listen_addresses=''" % self.dir)
+
+    def sql(self, statements):
+        """Runs statements through psql, in a session that may write whatever the defaults say."""
+        subprocess.run(self.owner + ['env', 'PGOPTIONS=-c default_transaction_read_only=off', '/usr/lib/postgresql/15/bin/psql',
+                                     '-h', self.dir, '-U', 'postgres', '-qAt', '-v', 'ON_ERROR_STOP=1', '-c', statements],
+                       check=True, stdout=subprocess.DEVNULL, timeout=HANG_SECONDS)
+
+    def refuse_one(self):
+        """While the server is stopped: takes the next connection on its socket and closes it."""
+        path = os.path.join(self.dir, '.s.PGSQL.5432')
+        with socket.socket(socket.AF_UNIX) as standin:
+            standin.bind(path)
+            os.chmod(path, 0o777)
+            standin.listen()
+            standin.settimeout(HANG_SECONDS)
+            standin.accept()[0].close()
+        os.unlink(path)
 
     def pg(self, tool, *args):
         subprocess.run(self.owner + ['/usr/lib/postgresql/15/bin/' + tool, *args], check=True,
                        stdout=subprocess.DEVNULL, timeout=HANG_SECONDS)
 
-    def stop(self):
+    def stop(self, keep=False):
         self.pg('pg_ctl', '-D', self.dir + '/db', '-m', 'fast', '-w', 'stop')
-        shutil.rmtree(self.dir)
+        if not keep:
+            shutil.rmtree(self.dir)

@@ -15,7 +15,7 @@ import time
 import unittest
 import urllib.parse
 
-from servicefixture import HANG_SECONDS, ROOT, Postgres, Service, archive, exchange, upload_request
+from servicefixture import HANG_SECONDS, ROOT, Postgres, Service, archive, exchange, query, upload_request
 
 BIN = os.environ.get('VELMORA_BIN', os.path.join(ROOT, 'build/bin'))
 SHOTS = os.environ.get('PAGES_SCREENSHOTS', tempfile.gettempdir())
@@ -101,6 +101,10 @@ ACCESS = [
     ('/service-data/client-crashdump-postinfo.ini', None, 200, 'filefield = dumpfile'),
     ('/crashes/?days=2', 'admin', 400, 'The period is 1, 7 or 28 days'),
     ('/crashes/?days[]=7', 'admin', 400, 'given more than once'),
+    ('/crashes/signature?s=%s&s=zzz' % urllib.parse.quote(MAP), 'admin', 400, 'given more than once'),
+    # Text that is not UTF-8 matches nothing, on SQLite and on PostgreSQL alike.
+    ('/crashes/signature?s=%ff', 'admin', 404, 'not UTF-8'),
+    ('/crashes/?version=%ff', 'admin', 404, 'not UTF-8'),
     ('/crashes/signature?s=' + 'x' * 1100, 'admin', 400, 'at most 255 characters'),
     ('/crashes/signature?s=Map%3A%3Aload', 'admin', 404, 'No report has the signature', True),
     ('/crashes/report?id=' + urllib.parse.quote('Report %s received (123 bytes).' % ID[2].upper()), 'admin', 303, '', True),
@@ -236,6 +240,18 @@ class Pages(unittest.TestCase):
                 rows = [row for row in Cells(body.decode()).rows[1:]]
                 self.assertEqual(rows, [[str(rank + 1), *row] for rank, row in enumerate(expected)])
                 self.assertIn("default-src 'none'", headers['Content-Security-Policy'])
+
+    def test_top_many(self):
+        """Hostile reports that each make a row of daily counts: the page still lists its 50 rows,
+        4 versions each, and the 50 versions most reported, in a page of bounded size."""
+        query(self.service.db, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000) INSERT INTO"
+              " signature_days (signature, day, version, count) SELECT 'many ' || (i % 100), ?, 'v' || i, 1 FROM n", day(0))
+        self.addCleanup(query, self.service.db, "DELETE FROM signature_days WHERE signature LIKE 'many %'")
+        status, _, body = self.get('/crashes/?days=1&version=')
+        self.assertEqual(status, 200)
+        rows = Cells(body.decode()).rows[1:]
+        self.assertEqual([(row[1][:5], row[2], row[6].count(', ')) for row in rows], [('many ', '200', 4)] * 50)
+        self.assertEqual((body.count(b'<option'), len(body) < 64 << 10), (3 + 1 + 50, True))
 
     def test_pages(self):
         for path, texts in PAGES:

@@ -1,16 +1,22 @@
 """The service on a real nginx, PHP-FPM and PostgreSQL: what an upload is refused for, what is
-stored and how, how run.sh starts, tidies and stops, and the service under load and failure:
-uploads in parallel, PHP-FPM workers killed in a storm, a full store, and two collectors sharing
-one PostgreSQL and one store."""
+stored and how, how run.sh starts, tidies, stops and starts again after a master or itself was
+killed, and the service under load and failure: slow clients, heavy archives, uploads in
+parallel, PHP-FPM workers killed in a storm, a full store, two collectors sharing one PostgreSQL
+and one store, a processor killed, the database restarted and made read-only under them; and
+the real host's files as nginx, PHP-FPM and systemd read them."""
 import concurrent.futures
 import hashlib
+import http.client
+import io
 import json
 import os
 import pathlib
+import pwd
 import random
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -19,13 +25,30 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, processes,
-                            query, random_port, request, upload_request)
+from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, many_entries,
+                            processes, query, random_port, request, status_of, upload_request)
 
+BIN = os.environ.get('VELMORA_BIN', os.path.join(os.path.dirname(os.path.dirname(RUN_SH)), 'build/bin'))
 MAX = 1 << 20
 PLAIN = 'text/plain; charset=utf-8'
 DUMP = b'VELMORA-CRASH 1\n' + bytes(range(256)) * 40
 GOOD = archive(dump=DUMP)
+# An entry's cap: 16 MiB for the dump; a log's is MAX in test_uploads; the archive's, their sum
+# with info.ini's 64 KiB.
+DUMP_CAP = 16 << 20
+ARCHIVE_CAP = DUMP_CAP + (64 << 10) + MAX
+# A PHP-FPM worker's resident memory after the heavy archives and the long field.
+WORKER_MAX_MB = 64
+# The oldest waiting report's age that /health/queue alarms at, in test_life.
+QUEUE_ALARM = 1
+# A processor that dies is started again after 1 s at first (run.sh's back-off).
+RESTART_NOTE = 'starting it again in 1 s'
+
+
+def with_comment(data):
+    with zipfile.ZipFile(out := io.BytesIO(data), 'a') as z:
+        z.comment = b'x'
+    return out.getvalue()
 # One bit changed in the middle of the dump's compressed bytes, as zipfile deflates them.
 DEFLATED = (deflate := zlib.compressobj(wbits=-15)).compress(DUMP) + deflate.flush()
 FLIPPED = GOOD.replace(DEFLATED, DEFLATED[:190] + bytes([DEFLATED[190] ^ 0x10]) + DEFLATED[191:])
@@ -56,7 +79,18 @@ HOSTILE = [
     ('one flipped bit', upload_request(FLIPPED), 422, 'Report refused: entry 1 of the archive is damaged.'),
     ('no info.ini', upload_request(archive(info=None)), 422, 'Report refused: the archive holds no info.ini.'),
     ('too many entries', upload_request(archive(extra=[('e%d' % i, b'') for i in range(14)])), 422, 'Report refused: the archive holds 17 entries'),
-    ('zip bomb', upload_request(archive(extra=[('big', bytes(16 * MAX + 1))])), 422, 'Report refused: the archive unpacks to more than 16777216'),
+    ('ZIP64 records', upload_request(many_entries(3)), 422, 'Report refused: the archive is in ZIP64 form'),
+    ('a comment after the end', upload_request(with_comment(GOOD)), 422, 'Report refused: the file is not a readable zip archive.'),
+    ('central directory over 64 KiB', upload_request(archive(extra=[('n%d' % i + 'x' * 5100, b'') for i in range(13)])), 422,
+     "Report refused: the archive's central directory is over 65536 bytes."),
+    ('dump over its cap', upload_request(archive(dump=b'VELMORA-CRASH 1\n' + bytes(DUMP_CAP))), 422,
+     'Report refused: entry 1 of the archive unpacks to more than %d bytes.' % DUMP_CAP),
+    ('log over its cap', upload_request(archive(extra=[('old.log', bytes(MAX + 1))])), 422,
+     'Report refused: entry 2 of the archive, a log, unpacks to more than %d bytes.' % MAX),
+    ('zip bomb', upload_request(archive(dump=b'VELMORA-CRASH 1\n' + bytes(DUMP_CAP - 16), extra=[('a.log', bytes(MAX)), ('b.log', bytes(MAX))])), 422,
+     'Report refused: the archive unpacks to more than %d bytes.' % ARCHIVE_CAP),
+    ('NUL in the description', upload_request(archive('[General]\nversion=3.0.0\ndescription=a\\0b\n')), 422,
+     "Report refused: info.ini's version or description holds a NUL character."),
     ('info.ini too long', upload_request(archive(info=';' * 65537)), 422, 'Report refused: info.ini is over 65536 bytes.'),
     ('too many fields', upload_request(GOOD, {'f%d' % i: '' for i in range(65)}), 400, 'Report refused: the upload holds too many form fields.'),
     ('field too long', upload_request(GOOD, {'product': 'x' * 1025}), 400, 'Report refused: the form field "product" is over'),
@@ -82,7 +116,7 @@ class ServiceTest(unittest.TestCase):
         return service
 
     def test_uploads(self):
-        service = self.start('--max-bytes', str(MAX), '--body-timeout', '2', '--rate-limit', '0')
+        service = self.start('--max-bytes', str(MAX), '--max-log-bytes', str(MAX), '--body-timeout', '2', '--rate-limit', '0')
         for name, raw, status, line in HOSTILE:
             with self.subTest(name):
                 before = service.rows(), service.stored()
@@ -90,6 +124,23 @@ class ServiceTest(unittest.TestCase):
                 self.assertEqual((answer[0], answer[1], '\n' in answer[2]), (status, PLAIN if status else '', False), answer)
                 self.assertTrue(answer[2].startswith(line), answer)
                 self.assertEqual((service.rows(), service.stored()), before)
+        with self.subTest('slow uploads from one address'):
+            # Ten uploads whose last bytes never come: four are held until the body timeout, the
+            # rest refused at once; another address's upload is answered meanwhile.
+            slow = [socket.create_connection(('127.0.0.1', service.port), timeout=HANG_SECONDS) for _ in range(10)]
+            for connection in slow:
+                connection.sendall(upload_request(GOOD)[:-100])
+            self.assertEqual(exchange(service.port, upload_request(GOOD), source='127.0.0.2')[0], 200)
+            answers = []
+            for connection in slow:
+                with connection:
+                    answer = http.client.HTTPResponse(connection)
+                    try:
+                        answer.begin()
+                        answers.append(answer.status)
+                    except http.client.RemoteDisconnected:
+                        answers.append(None)
+            self.assertEqual((answers.count(None), answers.count(429)), (4, 6))
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
         for data, fields, version, description in [(archive(escaped), {'product': 'Velmora ü'}, '3.0.1', 'Crash, then "été" ☺'),
@@ -130,7 +181,7 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual({fact: len(rows) for fact, rows in found.items()}, {fact: len(rows) for fact, rows in facts.items()})
 
     def test_life(self):
-        service = self.start('--keep-days', '30', '--rate-limit', '2')
+        service = self.start('--keep-days', '30', '--rate-limit', '2', '--queue-alarm', str(QUEUE_ALARM))
         report, orphan = [re.search(r'Report (\S+) received', exchange(service.port, upload_request(GOOD))[2])[1] for _ in range(2)]
         service.stop()
         # One report is made a long past day's and the other loses its row: an upload cut off
@@ -149,7 +200,8 @@ class ServiceTest(unittest.TestCase):
         self.assertIsNotNone(service.rows()[old]['archive_removed_at'])
         for options, line in [(['--data', self.work + '/other'], 'port %d on 127.0.0.1 is taken' % service.port),
                               (['--port', str(random_port())], 'another service is already running on ' + service.data),
-                              (['--public-url', 'http://[::1]:8750/upload'], 'the sender takes a line with brackets')]:
+                              (['--public-url', 'http://[::1]:8750/upload'], 'the sender takes a line with brackets'),
+                              *[(['--user', 'nosuchuser'], "the user 'nosuchuser', which does not exist")] * (os.geteuid() == 0)]:
             refused = subprocess.run([RUN_SH, *service.options, *options], capture_output=True, text=True, timeout=HANG_SECONDS)
             self.assertEqual((refused.returncode, refused.stdout.find('Service on')), (1, -1))
             self.assertIn(line, refused.stderr)
@@ -162,10 +214,62 @@ class ServiceTest(unittest.TestCase):
             answers.append(exchange(service.port, upload_request(GOOD)))
         self.assertEqual(answers[-1][:3:2], (429, 'Report refused: too many uploads from this address; please try again later.'))
         self.assertTrue(2 <= len(answers) - 1 <= 2 + (time.monotonic() - began) // 30, len(answers))
-        self.assertRegex(exchange(service.port, request('GET', '/health'))[2], r'^OK: schema \d+, %d reports waiting' % len(answers))
+        self.assertRegex(exchange(service.port, request('GET', '/health'))[2], r'^OK: schema \d+, %d reports waiting, the oldest for \d+ s' % len(answers))
+        # No processor runs: the queue's alarm goes off once the oldest report waited past it.
+        deadline = time.monotonic() + HANG_SECONDS
+        while (queue := exchange(service.port, request('GET', '/health/queue')))[0] == 200 and time.monotonic() < deadline:
+            time.sleep(0.1)
+        self.assertEqual(queue[0], 503)
+        self.assertRegex(queue[2], r'^Queue stalled: the oldest of %d waiting reports has waited \d+ s, past the alarm of %d s\.$' % (len(answers), QUEUE_ALARM))
+        with self.subTest('started as root'):
+            if os.geteuid() != 0:
+                self.skipTest('only a service started as root runs its workers as the velmora user')
+            velmora = pwd.getpwnam('velmora').pw_uid
+            workers = processes(service, 'nginx')[1:] + processes(service, 'php-fpm')[1:]
+            self.assertEqual({int(status_of(pid, 'Uid')[1]) for pid in workers}, {velmora})
+            self.assertEqual((os.stat(service.data).st_uid, os.stat(service.data).st_mode & 0o777), (velmora, 0o700))
+        # A master or run.sh killed leaves nothing behind that keeps the service from starting again.
+        alive = lambda pid: (status_of(pid, 'State') or ['Z'])[0] != 'Z'
+        for victim in ('nginx', 'php-fpm', 'run.sh'):
+            with self.subTest('%s killed' % victim):
+                masters = {name: processes(service, name) for name in ('nginx', 'php-fpm')}
+                started = masters['nginx'] + masters['php-fpm']
+                os.kill(masters[victim][0] if victim != 'run.sh' else service.process.pid, signal.SIGKILL)
+                service.process.wait(timeout=HANG_SECONDS)
+                service.start()
+                self.assertEqual([pid for pid in started if alive(pid)], [])
+                self.assertEqual(exchange(service.port, request('GET', '/health'))[0], 200)
         started = processes(service, 'nginx') + processes(service, 'php-fpm')
         service.stop()
-        self.assertEqual([pid for pid in started if os.path.exists('/proc/%d' % pid)], [])
+        self.assertEqual([pid for pid in started if alive(pid)], [])
+
+    def test_deploy(self):
+        """The real host's files, made from the templates that run.sh uses, as nginx, PHP-FPM and
+        systemd read them."""
+        root = self.work
+        subprocess.run(['openssl', 'req', '-x509', '-newkey', 'rsa:2048', '-nodes', '-keyout', root + '/key.pem', '-out',
+                        root + '/cert.pem', '-days', '1', '-subj', '/CN=localhost'], check=True, capture_output=True, timeout=HANG_SECONDS)
+        user = 'velmora' if os.geteuid() == 0 else pwd.getpwuid(os.geteuid()).pw_name
+        subprocess.run([RUN_SH, '--deploy', root + '/etc', '--install-root', os.path.dirname(os.path.dirname(RUN_SH)), '--user', user,
+                        '--data', root + '/data', '--logs', root + '/log', '--cache', root + '/cache', '--cert', root + '/cert.pem',
+                        '--cert-key', root + '/key.pem', '--processor', os.path.join(BIN, 'velmora-processor')],
+                       check=True, capture_output=True, timeout=HANG_SECONDS)
+        for folder in ('/log', '/cache'):
+            os.mkdir(root + folder)
+        # The site in a main file as Debian's: the main-context snippet and the events block's.
+        pathlib.Path(root + '/nginx.conf').write_text(
+            'pid {0}/nginx.pid;\nerror_log {0}/error.log;\ninclude {0}/etc/nginx-main.conf;\n'
+            'events {{ include {0}/etc/nginx-events.conf; }}\nhttp {{ include {0}/etc/nginx-site.conf; }}\n'.format(root))
+        pathlib.Path(root + '/php-fpm.conf').write_text(
+            '[global]\npid = {0}/php-fpm.pid\nerror_log = {0}/php-fpm.log\ninclude = {0}/etc/php-fpm-pool.conf\n'.format(root))
+        units = sorted(str(unit) for unit in pathlib.Path(root + '/etc/systemd').iterdir())
+        for command in (['nginx', '-t', '-p', root, '-c', root + '/nginx.conf'], ['php-fpm8.2', '-t', '-y', root + '/php-fpm.conf'],
+                        ['systemd-analyze', 'verify', *units] if shutil.which('systemd-analyze') else None):
+            with self.subTest(command and command[0]):
+                if command is None:
+                    self.skipTest('systemd-analyze is not installed here')
+                checked = subprocess.run(command, capture_output=True, text=True, timeout=HANG_SECONDS, env=dict(os.environ, PATH='/usr/sbin:/usr/bin:/sbin:/bin'))
+                self.assertEqual(checked.returncode, 0, checked.stderr)
 
     def upload(self, services, count, threads, meanwhile=lambda: None):
         """Sends count distinct 400 KB archives (stored: the random dump does not deflate) spread
@@ -193,7 +297,14 @@ class ServiceTest(unittest.TestCase):
         return ids
 
     def test_parallel_then_workers_killed(self):
-        service = self.start('--rate-limit', '0', '--workers', '4')
+        service = self.start('--rate-limit', '0', '--conn-limit', '0', '--workers', '4')
+        # The heavy ones, each refused, and no worker keeps what they cost: a ZIP64 count that
+        # libzip would take, a bomb, a form field as long as a whole request may be.
+        bomb = archive(dump=b'VELMORA-CRASH 1\n' + bytes(64 << 20))
+        for raw, status in ((upload_request(many_entries(400000)), 422), (upload_request(bomb), 422),
+                            (upload_request(GOOD, {'product': 'x' * (48 << 20)}), 400)):
+            self.assertEqual(exchange(service.port, raw)[0], status)
+        self.assertLessEqual(max(int(status_of(pid, 'VmRSS')[0]) for pid in processes(service, 'php-fpm')[1:]) >> 10, WORKER_MAX_MB)
         answers = self.upload([service], 200, 200)
         self.assertEqual([status for status, _, _ in answers], [200] * 200)
         self.assertEqual(len(self.assertStoredOnce(service, answers)), 200)
@@ -221,19 +332,64 @@ class ServiceTest(unittest.TestCase):
         os.mkdir(store)
         subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=1m', 'tmpfs', store], check=True)
         self.addCleanup(subprocess.run, ['umount', store], check=True)
-        service = self.start(store=store)
+        service = self.start('--max-bytes', '450000', store=store)
         answers = self.upload([service], 3, 1)
         self.assertEqual([status for status, _, _ in answers], [200, 200, 507])
         self.assertEqual(answers[2][2], 'Report not stored: the service has no room left; please try again later.')
+        health = exchange(service.port, request('GET', '/health'))
+        self.assertEqual(health[0], 507)
+        self.assertTrue(health[2].startswith('Not ready: the store %s is full' % store), health)
         self.assertStoredOnce(service, answers)
 
     def test_two_collectors_on_postgresql(self):
         postgres = Postgres()
         self.addCleanup(postgres.stop)
-        services = [self.start('--rate-limit', '0', db=postgres.url, store=self.work + '/shared') for _ in range(2)]
+        services = [self.start('--rate-limit', '0', '--conn-limit', '0', '--processors', str(n), '--processor',
+                               os.path.join(BIN, 'velmora-processor'), db=postgres.url, store=self.work + '/shared') for n in (1, 0)]
         answers = self.upload(services, 500, 16)
         self.assertEqual([status for status, _, _ in answers], [200] * 500)
         self.assertEqual(len(self.assertStoredOnce(services[0], answers)), 500)
+        # PostgreSQL cuts text at a NUL, where SQLite keeps it: refused on both.
+        self.assertEqual(exchange(services[1].port, upload_request(archive('[General]\nversion=3.0.0\ndescription=a\\0b\n')))[0], 422)
+        log = services[0].data + '/log/processor-1.log'
+
+        def processor():
+            """The running processor: run.sh lists every group it started, the dead ones too."""
+            with open(services[0].data + '/run.groups') as f:
+                return next(int(pid) for pid in reversed(f.read().split())
+                            if os.path.realpath('/proc/%s/exe' % pid).endswith('/velmora-processor'))
+
+        def processed():
+            """Uploads one report, answered 200, and waits until a processor has done it."""
+            status, _, line = exchange(services[1].port, upload_request(GOOD))
+            self.assertEqual(status, 200, line)
+            report, deadline = re.match(r'Report (\S+) received', line)[1], time.monotonic() + HANG_SECONDS
+            while query(postgres.url, 'SELECT state FROM reports WHERE id = ?', report) != [{'state': 'done'}]:
+                self.assertLess(time.monotonic(), deadline, 'report %s not processed' % report)
+                time.sleep(0.1)
+        with self.subTest('processor killed'):
+            first = processor()
+            if os.geteuid() == 0:
+                self.assertEqual(int(status_of(first, 'Uid')[1]), pwd.getpwnam('velmora').pw_uid)
+            os.kill(first, signal.SIGKILL)
+            processed()
+            self.assertNotEqual(processor(), first)
+            self.assertIn(RESTART_NOTE, pathlib.Path(log).read_text())
+        with self.subTest('database restarted'):
+            postgres.stop(keep=True)
+            # The processor's first try to connect again, while the database is away, fails.
+            postgres.refuse_one()
+            postgres.start()
+            processed()
+            self.assertEqual(len(re.findall('^Database: ', pathlib.Path(log).read_text(), re.M)), 2)
+        with self.subTest('database read-only'):
+            postgres.sql("ALTER DATABASE postgres SET default_transaction_read_only = on; SELECT pg_terminate_backend(pid) "
+                         "FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND backend_type = 'client backend'")
+            self.assertEqual(exchange(services[1].port, upload_request(GOOD))[:3:2],
+                             (503, 'Report not stored: the database is unavailable; please try again later.'))
+            health = exchange(services[1].port, request('GET', '/health'))
+            self.assertEqual(health[0], 503)
+            self.assertTrue(health[2].startswith('Not ready: the database refuses writes: '), health)
 
 
 if __name__ == '__main__':

@@ -8,6 +8,8 @@ const PERIODS = [1, 7, 28];
 const DEFAULT_DAYS = 7;
 const TOP_ROWS = 50;
 const VERSIONS_SHOWN = 4;
+// The version chooser lists the most reported ones.
+const VERSIONS_LISTED = 50;
 
 // The days as the daily counts name them: the last $days UTC days up to today, and the same
 // number just before.
@@ -17,58 +19,71 @@ function periods(int $days, int $now): array
     return ['from' => $day($days - 1), 'to' => $day(0), 'before_from' => $day(2 * $days - 1), 'before_to' => $day($days)];
 }
 
-// One pass over the period's daily counts gives every signature's count, each version's count
-// and the versions each signature occurred in; only the shown rows are then looked up again,
-// by signature, for their earlier counts and their first day.
+// Hostile reports can make a row of daily counts each, so the database ranks and the page takes
+// only what it shows: the top rows, each one's most frequent versions, and the versions most
+// reported for the chooser. Then the shown rows are looked up again, by signature, for their
+// earlier counts and their first day.
 function topCrashes(PDO $db, array $period, string $version): array
 {
-    $counts = $db->prepare('SELECT signature, version, SUM(count) AS n FROM signature_days'
-                           . ' WHERE day >= ? AND day <= ? GROUP BY signature, version');
-    $counts->execute([$period['from'], $period['to']]);
-    $bySignature = $versionsOf = $versions = [];
-    foreach ($counts as [$signature, $v, $n]) {
-        $versions[$v] = ($versions[$v] ?? 0) + $n;
-        if ($version === '' || $v === $version) {
-            $bySignature[$signature] = ($bySignature[$signature] ?? 0) + $n;
-            $versionsOf[$signature][$v] = (int) $n;
-        }
-    }
-    // Ties in name order, so that the rows stay in place from one look to the next.
-    uksort($bySignature, fn ($a, $b) => $bySignature[$b] <=> $bySignature[$a] ?: strcmp((string) $a, (string) $b));
-    $rows = array_slice($bySignature, 0, TOP_ROWS, true);
-
     $only = $version === '' ? '' : ' AND version = ?';
-    $sum = $db->prepare("SELECT SUM(count) FROM signature_days WHERE day >= ? AND day <= ?$only");
+    $inPeriod = array_merge([$period['from'], $period['to']], $version === '' ? [] : [$version]);
+    $sum = $db->prepare("SELECT COALESCE(SUM(count), 0) FROM signature_days WHERE day >= ? AND day <= ?$only");
+    $sum->execute($inPeriod);
+    $total = (int) $sum->fetchColumn();
+    // Ties in name order, so that the rows stay in place from one look to the next.
+    $top = $db->prepare("SELECT signature, SUM(count) AS n FROM signature_days WHERE day >= ? AND day <= ?$only"
+                        . ' GROUP BY signature ORDER BY n DESC, signature LIMIT ' . TOP_ROWS);
+    $top->execute($inPeriod);
+    $rows = [];
+    foreach ($top as [$signature, $n])
+        $rows[(string) $signature] = (int) $n;
+
+    $chooser = $db->prepare('SELECT version, SUM(count) AS n FROM signature_days WHERE day >= ? AND day <= ?'
+                            . ' GROUP BY version ORDER BY n DESC, version LIMIT ' . VERSIONS_LISTED);
+    $chooser->execute([$period['from'], $period['to']]);
+    $versions = [];
+    foreach ($chooser as [$v, $n])
+        $versions[(string) $v] = (int) $n;
+    uksort($versions, fn ($a, $b) => version_compare((string) $b, (string) $a));
+
     $sum->execute(array_merge([$period['before_from'], $period['before_to']], $version === '' ? [] : [$version]));
     $earlierTotal = (int) $sum->fetchColumn();
 
-    $earlier = [];
+    $earlier = $versionsOf = $versionCount = [];
     if ($rows) {
         $marks = implode(', ', array_fill(0, count($rows), '?'));
         $history = $db->prepare("SELECT signature, MIN(day), SUM(CASE WHEN day >= ? AND day <= ?$only THEN count ELSE 0 END)"
                                 . " FROM signature_days WHERE signature IN ($marks) GROUP BY signature");
         $history->execute(array_merge([$period['before_from'], $period['before_to']], $version === '' ? [] : [$version],
-                                      array_map('strval', array_keys($rows))));
+                                      array_keys($rows)));
         foreach ($history as [$signature, $first, $n])
             $earlier[$signature] = ['first' => $first, 'count' => (int) $n];
+        // Each row's versions, most reports first, as many as are shown, and how many there are.
+        $ranked = $db->prepare('SELECT signature, version, n, place, versions FROM (SELECT signature, version, SUM(count) AS n,'
+                               . ' ROW_NUMBER() OVER (PARTITION BY signature ORDER BY SUM(count) DESC, version DESC) AS place,'
+                               . ' COUNT(*) OVER (PARTITION BY signature) AS versions FROM signature_days'
+                               . " WHERE day >= ? AND day <= ?$only AND signature IN ($marks) GROUP BY signature, version) ranked"
+                               . ' WHERE place <= ' . VERSIONS_SHOWN . ' ORDER BY signature, place');
+        $ranked->execute(array_merge($inPeriod, array_keys($rows)));
+        foreach ($ranked as [$signature, $v, $n, $place, $count]) {
+            $versionsOf[$signature][] = (string) $v;
+            $versionCount[$signature] = (int) $count;
+        }
     }
 
-    $total = array_sum($bySignature);
     $table = [];
     foreach ($rows as $signature => $n) {
-        $signature = (string) $signature;
         $before = $earlier[$signature]['count'] ?? 0;
-        arsort($versionsOf[$signature]);
         $table[] = [
             'signature' => $signature,
             'count' => $n,
             'share' => 100 * $n / $total,
             'change' => $before === 0 ? null : 100 * $n / $total - 100 * $before / max(1, $earlierTotal),
             'first' => $earlier[$signature]['first'] ?? '',
-            'versions' => array_map('strval', array_keys($versionsOf[$signature])),
+            'versions' => $versionsOf[$signature] ?? [],
+            'more_versions' => ($versionCount[$signature] ?? 0) > count($versionsOf[$signature] ?? []),
         ];
     }
-    uksort($versions, fn ($a, $b) => version_compare((string) $b, (string) $a));
     return [$table, $total, $versions];
 }
 
@@ -117,11 +132,10 @@ Change is in percentage points of all reports against ', h($period['before_from'
     echo '<table class="top"><thead><tr><th>Rank</th><th>Signature</th><th>Count</th><th>% of all</th><th>Change</th>',
         "<th>First seen</th><th>Versions</th></tr></thead>\n<tbody>\n";
     foreach ($rows as $rank => $row) {
-        $shown = array_slice($row['versions'], 0, VERSIONS_SHOWN);
         echo '<tr><td>', h($rank + 1), '</td><td class="signature"><a href="', h(signatureUrl($row['signature'])), '">',
             h($row['signature']), '</a></td><td class="number">', h(number_format($row['count'])), '</td><td class="number">',
             h(sprintf('%.2f', $row['share'])), '</td><td class="number">', change($row['change']), '</td><td>', h($row['first']),
-            '</td><td>', h(implode(', ', $shown) . (count($row['versions']) > count($shown) ? ', …' : '')), "</td></tr>\n";
+            '</td><td>', h(implode(', ', $row['versions']) . ($row['more_versions'] ? ', …' : '')), "</td></tr>\n";
     }
     echo "</tbody></table>\n";
     pageEnd();

@@ -12,7 +12,10 @@ final class Refusal extends Exception
 }
 
 const ARCHIVE_MAX_ENTRIES = 16;
+const CENTRAL_DIRECTORY_MAX_BYTES = 64 * 1024;
 const INFO_INI_MAX_BYTES = 64 * 1024;
+// The processor's cap for a dump.
+const DUMP_MAX_BYTES = 16 * 1024 * 1024;
 const VERSION_MAX_CHARS = 128;
 const DESCRIPTION_MAX_CHARS = 4000;
 
@@ -45,11 +48,38 @@ function dumpEntry(ZipArchive $zip): ?int
     return null;
 }
 
-// Every entry is inflated as a stream and its real bytes are counted against the caps and checked
-// against its stated size and CRC-32, so a damaged archive or a zip bomb is refused and no entry
-// is ever written out under its own name. Returns info.ini's version and description.
-function checkArchive(string $path, int $maxUnpacked): array
+// libzip reads the whole central directory into memory outside PHP's memory_limit, and takes a
+// ZIP64 record's entry count over the classic one: the end record is checked first, as the
+// sender writes it (no comment, no ZIP64, a few entries).
+function checkZipEnd(string $path): void
 {
+    $size = (int) filesize($path);
+    $file = fopen($path, 'rb');
+    $tail = $size >= 22 && fseek($file, max(0, $size - 42)) === 0 ? (string) fread($file, 42) : '';
+    fclose($file);
+    $end = substr($tail, -22);
+    if (strlen($end) !== 22 || !str_starts_with($end, "PK\x05\x06"))
+        throw new Refusal(422, 'Report refused: the file is not a readable zip archive.');
+    if (strlen($tail) === 42 && str_starts_with($tail, "PK\x06\x07"))
+        throw new Refusal(422, 'Report refused: the archive is in ZIP64 form, which no report needs.');
+    $record = unpack('vdisk/vcdDisk/vdiskEntries/ventries/VcdSize/VcdOffset/vcommentLength', $end, 4);
+    $entries = max($record['entries'], $record['diskEntries']);
+    if ($entries > ARCHIVE_MAX_ENTRIES)
+        throw new Refusal(422, "Report refused: the archive holds $entries entries, more than " . ARCHIVE_MAX_ENTRIES . '.');
+    if ($record['cdSize'] > CENTRAL_DIRECTORY_MAX_BYTES)
+        throw new Refusal(422, 'Report refused: the archive\'s central directory is over ' . CENTRAL_DIRECTORY_MAX_BYTES . ' bytes.');
+    if ($record['commentLength'] !== 0 || $record['cdOffset'] + $record['cdSize'] > $size - 22)
+        throw new Refusal(422, 'Report refused: the file is not a readable zip archive.');
+}
+
+// Every entry is inflated as a stream and its real bytes are counted against its cap (info.ini,
+// the dump, or a log at $maxLogBytes) and the archive's, and checked against its stated size and
+// CRC-32, so a damaged archive or a zip bomb is refused early and no entry is ever written out
+// under its own name. Returns info.ini's version and description.
+function checkArchive(string $path, int $maxLogBytes): array
+{
+    checkZipEnd($path);
+    $maxUnpacked = INFO_INI_MAX_BYTES + DUMP_MAX_BYTES + $maxLogBytes;
     $zip = new ZipArchive();
     // CHECKCONS also refuses an archive that names an entry twice.
     if ($zip->open($path, ZipArchive::RDONLY | ZipArchive::CHECKCONS) !== true)
@@ -65,6 +95,11 @@ function checkArchive(string $path, int $maxUnpacked): array
             if ($stat === false)
                 throw new Refusal(422, "Report refused: entry $i of the archive cannot be read.");
             $isIni = $stat['name'] === 'info.ini';
+            // What an entry says it holds is refused before a byte is inflated.
+            $cap = $isIni ? INFO_INI_MAX_BYTES : max(DUMP_MAX_BYTES, $maxLogBytes);
+            if ($stat['size'] > $cap)
+                throw new Refusal(422, $isIni ? 'Report refused: info.ini is over ' . INFO_INI_MAX_BYTES . ' bytes.'
+                                              : "Report refused: entry $i of the archive unpacks to more than $cap bytes.");
             $stream = $stat['encryption_method'] === ZipArchive::EM_NONE ? @$zip->getStreamIndex($i) : false;
             if ($stream === false)
                 throw new Refusal(422, "Report refused: entry $i of the archive cannot be read.");
@@ -72,21 +107,28 @@ function checkArchive(string $path, int $maxUnpacked): array
             $size = 0;
             $text = '';
             while (($chunk = @fread($stream, 1 << 20)) !== false && $chunk !== '') {
+                if ($size === 0 && !$isIni)
+                    $cap = isCrashDump($chunk) ? DUMP_MAX_BYTES : $maxLogBytes;
                 $size += strlen($chunk);
                 $unpacked += strlen($chunk);
-                if ($unpacked > $maxUnpacked) {
+                $refusal = match (true) {
+                    $isIni && $size > INFO_INI_MAX_BYTES => 'Report refused: info.ini is over ' . INFO_INI_MAX_BYTES . ' bytes.',
+                    $size > $cap => "Report refused: entry $i of the archive, "
+                                    . ($cap === DUMP_MAX_BYTES ? 'the dump' : 'a log') . ", unpacks to more than $cap bytes.",
+                    $unpacked > $maxUnpacked => "Report refused: the archive unpacks to more than $maxUnpacked bytes.",
+                    default => null,
+                };
+                if ($refusal !== null) {
                     fclose($stream);
-                    throw new Refusal(422, "Report refused: the archive unpacks to more than $maxUnpacked bytes.");
+                    throw new Refusal(422, $refusal);
                 }
                 hash_update($crc, $chunk);
-                if ($isIni && $size <= INFO_INI_MAX_BYTES)
+                if ($isIni)
                     $text .= $chunk;
             }
             fclose($stream);
             if ($size !== $stat['size'] || hash_final($crc) !== sprintf('%08x', $stat['crc']))
                 throw new Refusal(422, "Report refused: entry $i of the archive is damaged.");
-            if ($isIni && $size > INFO_INI_MAX_BYTES)
-                throw new Refusal(422, 'Report refused: info.ini is over ' . INFO_INI_MAX_BYTES . ' bytes.');
             if ($isIni)
                 $ini = $text;
         }
@@ -96,6 +138,9 @@ function checkArchive(string $path, int $maxUnpacked): array
     if ($ini === null)
         throw new Refusal(422, 'Report refused: the archive holds no info.ini.');
     $info = readInfoIni($ini);
+    // PostgreSQL's text cannot hold a NUL, where SQLite's can: refused on both alike.
+    if (str_contains($info['version'] . $info['description'], "\0"))
+        throw new Refusal(422, 'Report refused: info.ini\'s version or description holds a NUL character.');
     return [firstChars($info['version'], VERSION_MAX_CHARS), firstChars($info['description'], DESCRIPTION_MAX_CHARS)];
 }
 

@@ -1,7 +1,8 @@
 <?php
 // The service's settings, one PHP file that returns an array, named by VELMORA_CONFIG (set in
 // the PHP-FPM pool; run.sh writes DATA/run/config.php). Keys: db (database URL), store (the
-// archive store's folder), data (the data folder), max_bytes (largest archive), keep_days, and
+// archive store's folder), data (the data folder), max_bytes (largest archive), max_log_bytes
+// (largest log in one, unpacked), keep_days, queue_alarm (seconds a report may wait), and
 // optionally debuginfod_urls (the vendor's debuginfod, for the report page's debugger recipe).
 declare(strict_types=1);
 

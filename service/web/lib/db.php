@@ -67,8 +67,12 @@ function schemaVersion(PDO $db): int
 {
     try {
         return (int) $db->query('SELECT MAX(version) FROM schema_migrations')->fetchColumn();
-    } catch (PDOException) {
-        return 0;
+    } catch (PDOException $e) {
+        // Only a database the migrator has not made yet lacks the table; any other failure (a
+        // connection lost, a server restarting) is the database's, and said as such.
+        if ($e->getCode() === '42P01' || str_contains($e->getMessage(), 'no such table'))
+            return 0;
+        throw $e;
     }
 }
 
@@ -76,7 +80,16 @@ function schemaVersion(PDO $db): int
 function openDatabase(string $url, bool|string $persistent = false): PDO
 {
     $db = connectDatabase($url, $persistent);
-    $version = schemaVersion($db);
+    try {
+        $version = schemaVersion($db);
+    } catch (PDOException $e) {
+        // A kept connection that the server ended (a restart, an outage) fails its first query;
+        // connecting again makes it anew.
+        if ($persistent === false)
+            throw $e;
+        $db = connectDatabase($url, $persistent);
+        $version = schemaVersion($db);
+    }
     if ($version !== SCHEMA_VERSION)
         throw new RuntimeException("database schema version $version, expected " . SCHEMA_VERSION);
     return $db;

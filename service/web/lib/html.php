@@ -39,13 +39,18 @@ function signatureUrl(string $signature): string
     return pageUrl('signature', ['s' => $signature]);
 }
 
-// A query parameter as a string, or $default when absent; a repeated or bracketed name
-// (PHP makes those arrays) is refused rather than guessed at.
+// A query parameter as a string, or $default when absent; a repeated name (of which PHP keeps
+// the last) or a bracketed one (PHP makes those arrays) is refused rather than guessed at. Text
+// that is not UTF-8 matches nothing stored, on any database.
 function queryParam(string $name, string $default = ''): string
 {
     $value = $_GET[$name] ?? $default;
-    if (!is_string($value))
+    $given = array_filter(explode('&', $_SERVER['QUERY_STRING'] ?? ''),
+                          fn ($pair) => urldecode(explode('=', $pair, 2)[0]) === $name);
+    if (!is_string($value) || count($given) > 1)
         throw new PageError(400, "The parameter \"$name\" is given more than once.");
+    if (preg_match('//u', $value) !== 1)
+        throw new PageError(404, "Nothing has the \"$name\" asked for: it is not UTF-8 text.");
     return $value;
 }
 
