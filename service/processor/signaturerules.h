@@ -3,43 +3,64 @@
 
 #include "frame.h"
 
+#include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
 
-// Reduces a symbolized stack to the signature that groups its crash with others. Frames are
-// matched by their text (the function without its parameters, or module@0xoffset) against
-// three lists, each a file of names, one a line, a trailing * matching any rest:
-// sentinel.txt (the signature starts at the innermost such frame), skip.txt (left out) and
-// prefix.txt (frames that alone say nothing: the signature goes on to the next). The lists
-// carry one version number between them, recorded with every report grouped by them.
+// Reduces a symbolized stack to the signature that groups its crash with others: a fixed
+// order of small rules (signaturerules.cpp lists them), each driven by a list in the rules
+// folder that a vendor edits without touching code. The lists carry one version number
+// between them, recorded with every report grouped by them.
 class SignatureRules
 {
 public:
     static constexpr int MaxLength = 255;
     static const QString NoDumpSignature;
     static const QString NoFramesSignature;
+    static const QString NoModuleToken;
 
     bool load(const QString &folder, QString *error);
     int version() const { return m_version; }
     QString signature(const QVector<Frame> &frames) const;
 
-    static QString frameText(const Frame &frame);
-
 private:
+    struct Stack;
+    // Names, one a line; a trailing * matches any rest. With a value: "name => value".
     struct List
     {
         QSet<QString> names;
         QStringList prefixes;
+        QHash<QString, QString> values;
 
         bool matches(const QString &text) const;
+        QString value(const QString &text) const;
     };
+    struct Rename
+    {
+        QRegularExpression pattern;
+        QString replacement;
+    };
+    struct Rule
+    {
+        const char *name;
+        bool (*applies)(const SignatureRules &rules, const Stack &stack, int frame);
+        void (*apply)(const SignatureRules &rules, Stack &stack, int frame);
+    };
+    static const Rule rules[];
 
-    bool loadList(const QString &path, List *list, int *version, QString *error);
+    bool loadFile(const QString &name, QStringList *lines, QString *error);
+    bool loadList(const QString &name, List *list, bool withValues, QString *error);
+    bool loadRenames(QString *error);
 
+    QString m_folder;
     int m_version = 0;
+    QString m_versionFile;
+    List m_libraries;
+    QVector<Rename> m_renames;
+    List m_sentinel;
+    List m_kinds;
     List m_skip;
     List m_prefix;
-    List m_sentinel;
 };
 
 #endif
