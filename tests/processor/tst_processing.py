@@ -1,6 +1,7 @@
 """velmora-processor end to end: the demo client crashes for real (a stripped copy, its debug
 file filed in a symbols folder or served by debuginfod), its reports go into a store and a
 database made by migrate.php, the processor runs, and --show and the tables tell the result."""
+import collections
 import glob
 import json
 import os
@@ -28,10 +29,10 @@ HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler
 # democlient.c that it faults in (the assembler of "unwind" has no line).
 CRASHES = {
     'segv': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
-    'abort': ('crash', 'SIGABRT', 'crash', 'abort();'),
+    'abort': ('abort | crash', 'SIGABRT', 'crash', 'abort();'),
     'fpe': ('divide_by_zero', 'SIGFPE', 'divide_by_zero', 'zero = dividend / zero;'),
     'stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;'),
-    'nullcall': ('@0x0 | crash', 'SIGSEGV', 'crash', 'null_function();'),
+    'nullcall': ('(no module) | crash', 'SIGSEGV', 'crash', 'null_function();'),
     'wild': ('crash', 'SIGSEGV', 'crash', '*wild_pointer = 1;'),
     'trap': ('crash', 'SIGTRAP', 'crash', 'int3'),
     'thread': ('worker', 'SIGSEGV', 'worker', '*null_pointer = 1;'),
@@ -221,16 +222,16 @@ class Processing(unittest.TestCase):
         frame0 = re.search(r'^frame 0: .*$', segv, re.M).group(0)
         frames = segv.count('\nframe ')
         rows = [
-            ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
+            ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '(no module)'),
             ('garbage', os.urandom(4096), 'failed', 'not a crash dump'),
             ('a million frames', segv.replace('module:', ''.join('frame %d: 0x1\n' % i for i in range(frames, 10 ** 6)) + 'module:', 1),
-             'done', '@0x'),
+             'done', '(no module)'),
             ('a 10 MB line', segv.replace('\npid:', '\nx: ' + 'x' * (10 << 20) + '\npid:'), 'done', 'crash'),
             ('a module path of /etc/shadow', segv.replace(client_path, '/etc/shadow'), 'done', 'crash'),
             ('a dump path to debug info, no build ID', segv.replace(self.build_id + ' ' + client_path, 'none ' + unstripped)
              .replace(client_path, unstripped), 'done', 'unstripped@0x'),
             ('a wrong build ID', segv.replace(self.build_id, 'ab' * 20).replace(client_path, unstripped), 'done', 'unstripped@0x'),
-            ('absurd addresses', segv.replace(frame0, 'frame 0: 0xffffffffffffffff'), 'done', '@0xffffffffffffffff'),
+            ('absurd addresses', segv.replace(frame0, 'frame 0: 0xffffffffffffffff'), 'done', '(no module) | '),
             ('a format from the future', segv.replace('VELMORA-CRASH 2', 'VELMORA-CRASH 9'), 'failed', 'version 9 is not known'),
             ('no dump', None, 'done', 'EMPTY: no crash dump'),
             ('no zip', b'PK\x03\x04 not a zip', 'failed', 'cannot be opened as a zip'),
@@ -275,14 +276,19 @@ class Processing(unittest.TestCase):
             self.assertEqual(worker.wait(timeout=HANG_SECONDS / 2), 0)
         self.assertEqual(service.sql('SELECT state, attempts FROM reports'), [{'state': 'new', 'attempts': 0}])
 
-    def test_reprocess(self):
-        rules = os.path.join(self.tmp, 'rules')
+    def rules(self, version, edit):
+        """A copy of the shipped lists at another version, with one list edited."""
+        rules = tempfile.mkdtemp(dir=self.tmp)
         shutil.copytree(os.path.join(ROOT, 'service/signature'), rules, dirs_exist_ok=True)
         for name in os.listdir(rules):
             with open(os.path.join(rules, name)) as f:
-                text = f.read().replace('version: 1', 'version: 2') + ('crash\n' if name == 'prefix.txt' else '')
+                text = re.sub(r'(?m)^version: \d+$', 'version: %d' % version, f.read())
             with open(os.path.join(rules, name), 'w') as f:
-                f.write(text)
+                f.write(edit(name, text))
+        return rules
+
+    def test_reprocess(self):
+        rules = self.rules(3, lambda name, text: text + ('crash\n' if name == 'prefix.txt' else ''))
         # The last row's frames have no functions: regrouped, they keep their module and offset.
         for since, archive_kept, symbols, signature in ((DAY, True, True, 'crash | main'), (DAY, False, True, 'crash | main'),
                                                         ('2026-11-19', True, True, 'crash'), (DAY, False, False, None)):
@@ -298,8 +304,24 @@ class Processing(unittest.TestCase):
                 run(*command, env=env).check_returncode()
                 result = service.show(report)
                 self.assertEqual((result['signature'], result['rule_version'], result['signal']),
-                                 (signature, 1 if since != DAY else 2, 'SIGSEGV'))
+                                 (signature, 2 if since != DAY else 3, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
+
+    def test_reprocess_moves_every_count(self):
+        # Reports grouped by lists of version 1, which knew no kinds of death, regroup under
+        # the shipped ones: abort's count moves from "crash" to "abort | crash".
+        old = self.rules(1, lambda name, text: re.sub(r'(?m)^[^#\n].*=>.*$', '', text) if name == 'kinds.txt' else text)
+        service = self.service()
+        for dump in self.dumps.values():
+            service.add(dump)
+        service.drain('--rules', old, '--symbols', self.symbols, *self.libc_symbols)
+        before = collections.Counter('crash' if mode == 'abort' else CRASHES[mode][0] for mode in self.dumps)
+        self.assertEqual(service.counts(), {(s, DAY): n for s, n in before.items()})
+        command, env = service.processor('--reprocess', '--symbols', self.symbols, *self.libc_symbols)
+        run(*command, env=env).check_returncode()
+        after = collections.Counter(CRASHES[mode][0] for mode in self.dumps)
+        self.assertEqual(service.counts(), {(s, DAY): n for s, n in after.items()})
+        self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {2})
 
     def test_postgresql_workers_share(self):
         postgres = Postgres()
@@ -327,7 +349,7 @@ class Processing(unittest.TestCase):
             (['--db', 'sqlite:' + self.tmp + '/none.sqlite', '--store', service.store], 1, 'migrate.php creates it'),
             (['--db', 'mysql://x/y', '--show', 'x'], 1, 'not a database URL'),
             (['--db', service.url, '--show', '20261117-0000000000000099'], 1, 'no report'),
-            (['--db', service.url, '--store', service.store, '--drain', '--rules', self.tmp], 1, 'skip.txt'),
+            (['--db', service.url, '--store', service.store, '--drain', '--rules', self.tmp], 1, 'libraries.txt'),
         ]
         for args, code, message in rows:
             with self.subTest(args=args):
