@@ -44,7 +44,6 @@ EXPECTED = {
     'jump': (('(no module) | jump_to_data',) * 2, ['gcc', 'gcc without PIE', 'clang/lld'], ['sse2'], [True]),
     'badcall': (('(no module) | crash',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True]),
     'nullcall': (('(no module) | crash',) * 2, ['gcc'], ['sse2'], [True]),
-    'segv': (('crash',) * 2, ['gcc', 'gcc without PIE', 'clang/lld'], ['sse2'], [True]),
 }
 
 
