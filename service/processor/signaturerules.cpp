@@ -11,15 +11,20 @@ static const char separator[] = " | ";
 static const char arrow[] = "=>";
 static const qint64 maxListBytes = 1024 * 1024;
 
-struct SignatureRules::Stack
+namespace {
+
+using Lists = SignatureRules::Lists;
+
+struct Line
 {
-    struct Line
-    {
-        const Frame *frame;
-        QString text;
-        bool token = false;  // stands for a frame that no name was found for
-        bool kept = true;
-    };
+    const Frame *frame;
+    QString text;
+    bool token = false;  // stands for a frame that no name was found for
+    bool kept = true;
+};
+
+struct Stack
+{
     QVector<Line> lines;
     bool dying = false;  // a sentinel was found: the frames from there on are a way of dying
     QString kind;
@@ -30,6 +35,8 @@ struct SignatureRules::Stack
         return i < lines.size() ? i : -1;
     }
 };
+
+} // namespace
 
 // "ns::Class::method(int) const" groups as "ns::Class::method": overloads crash alike, and the
 // parameter lists would eat the signature's length.
@@ -64,63 +71,118 @@ static QString frameName(const QString &function, const Frame &frame)
     return QStringLiteral("%1@0x%2").arg(frame.module).arg(frame.offset, 0, 16);
 }
 
+static bool always(const Lists &, const Stack &, int)
+{
+    return true;
+}
+
+static bool hasFunction(const Lists &, const Stack &s, int i)
+{
+    return !s.lines.at(i).frame->function.isEmpty();
+}
+
+static void rename(const Lists &lists, Stack &s, int i)
+{
+    for (const SignatureRules::Rename &rename : lists.renames)
+        s.lines[i].text.replace(rename.pattern, rename.replacement);
+}
+
+static void name(const Lists &, Stack &s, int i)
+{
+    s.lines[i].text = frameName(s.lines.at(i).text, *s.lines.at(i).frame);
+}
+
+static bool inNoModule(const Lists &, const Stack &s, int i)
+{
+    return !s.lines.at(i).frame->hasModule;
+}
+
+static void readAsNoModule(const Lists &, Stack &s, int i)
+{
+    s.lines[i].text = SignatureRules::NoModuleToken;
+    s.lines[i].token = true;
+}
+
+static bool unnamedInLibrary(const Lists &lists, const Stack &s, int i)
+{
+    const Frame &frame = *s.lines.at(i).frame;
+    return frame.hasModule && frame.function.isEmpty() && lists.libraries.matches(frame.module);
+}
+
+static void readAsLibrary(const Lists &lists, Stack &s, int i)
+{
+    s.lines[i].text = lists.libraries.value(s.lines.at(i).frame->module);
+    s.lines[i].token = true;
+}
+
+static bool isSentinel(const Lists &lists, const Stack &s, int i)
+{
+    return lists.sentinel.matches(s.lines.at(i).text);
+}
+
+// The innermost sentinel wins: what lies above it is left out.
+static void startHere(const Lists &, Stack &s, int i)
+{
+    if (s.dying)
+        return;
+    s.dying = true;
+    for (int above = 0; above < i; ++above)
+        s.lines[above].kept = false;
+}
+
+static bool hasKind(const Lists &lists, const Stack &s, int i)
+{
+    return s.lines.at(i).kept && lists.kinds.matches(s.lines.at(i).text);
+}
+
+// Frames are taken innermost first, so the outermost kind is the one that stays.
+static void tellKind(const Lists &lists, Stack &s, int i)
+{
+    s.kind = lists.kinds.value(s.lines.at(i).text);
+}
+
+static bool isSkipped(const Lists &lists, const Stack &s, int i)
+{
+    const Line &line = s.lines.at(i);
+    return lists.skip.matches(line.text) || (s.dying && line.token && line.frame->hasModule);
+}
+
+static void leaveOut(const Lists &, Stack &s, int i)
+{
+    s.lines[i].kept = false;
+}
+
+// The next frame names this one again: a library function under the wrapper of the same
+// name that _FORTIFY_SOURCE inlines into the caller, or a library token under that wrapper.
+static bool namedAgain(const Lists &lists, const Stack &s, int i)
+{
+    const int next = s.nextKept(i);
+    if (!s.lines.at(i).kept || next < 0)
+        return false;
+    const Line &line = s.lines.at(i);
+    const QString &caller = s.lines.at(next).text;
+    return line.text == caller || (line.token && line.frame->hasModule && lists.prefix.matches(caller));
+}
+
+struct Rule
+{
+    const char *name;
+    bool (*applies)(const Lists &lists, const Stack &stack, int frame);
+    void (*apply)(const Lists &lists, Stack &stack, int frame);
+};
+
 // The rules in the order they apply, each to every frame from the innermost out before the
-// next rule. What is left is joined while frames match prefix.txt, after the kind of death,
-// and cut at MaxLength. docs/processing.md shows each on an example.
-const SignatureRules::Rule SignatureRules::rules[] = {
-    // rename.txt: one name across compilers, builds and CPUs.
-    { "rename", [](const SignatureRules &, const Stack &s, int i) { return !s.lines.at(i).text.isEmpty(); },
-      [](const SignatureRules &r, Stack &s, int i) {
-          for (const Rename &rename : r.m_renames)
-              s.lines[i].text.replace(rename.pattern, rename.replacement);
-      } },
-    // Every frame reads as its function without parameters, or its source line, or its module
-    // and offset.
-    { "name", [](const SignatureRules &, const Stack &, int) { return true; },
-      [](const SignatureRules &, Stack &s, int i) { s.lines[i].text = frameName(s.lines.at(i).text, *s.lines.at(i).frame); } },
-    // A bad call or jump target lies in no module: one token, never its address.
-    { "nowhere", [](const SignatureRules &, const Stack &s, int i) { return !s.lines.at(i).frame->hasModule; },
-      [](const SignatureRules &, Stack &s, int i) { s.lines[i].text = NoModuleToken, s.lines[i].token = true; } },
-    // libraries.txt: a frame that no table names in the C library reads as "libc".
-    { "library",
-      [](const SignatureRules &r, const Stack &s, int i) {
-          const Frame &f = *s.lines.at(i).frame;
-          return f.hasModule && f.function.isEmpty() && r.m_libraries.matches(f.module);
-      },
-      [](const SignatureRules &r, Stack &s, int i) {
-          s.lines[i].text = r.m_libraries.value(s.lines.at(i).frame->module), s.lines[i].token = true;
-      } },
-    // sentinel.txt: the signature starts at the innermost one, whatever lies above it.
-    { "sentinel", [](const SignatureRules &r, const Stack &s, int i) { return r.m_sentinel.matches(s.lines.at(i).text); },
-      [](const SignatureRules &, Stack &s, int i) {
-          if (s.dying)
-              return;
-          s.dying = true;
-          for (int above = 0; above < i; ++above)
-              s.lines[above].kept = false;
-      } },
-    // kinds.txt: the outermost one tells how the program died.
-    { "kind", [](const SignatureRules &r, const Stack &s, int i) { return s.lines.at(i).kept && r.m_kinds.matches(s.lines.at(i).text); },
-      [](const SignatureRules &r, Stack &s, int i) { s.kind = r.m_kinds.value(s.lines.at(i).text); } },
-    // skip.txt, and unnamed library frames on the way of dying: left out.
-    { "skip",
-      [](const SignatureRules &r, const Stack &s, int i) {
-          const Stack::Line &line = s.lines.at(i);
-          return r.m_skip.matches(line.text) || (s.dying && line.token && line.frame->hasModule);
-      },
-      [](const SignatureRules &, Stack &s, int i) { s.lines[i].kept = false; } },
-    // A frame that its caller names again: a library function and its inlined wrapper of the
-    // same name, or "libc" inside the wrapper that names the call.
-    { "repeat",
-      [](const SignatureRules &r, const Stack &s, int i) {
-          const int next = s.nextKept(i);
-          if (!s.lines.at(i).kept || next < 0)
-              return false;
-          const Stack::Line &line = s.lines.at(i);
-          return line.text == s.lines.at(next).text
-                  || (line.token && line.frame->hasModule && r.m_prefix.matches(s.lines.at(next).text));
-      },
-      [](const SignatureRules &, Stack &s, int i) { s.lines[i].kept = false; } },
+// next rule. What is kept is then joined while frames match prefix.txt, after the kind of
+// death, and cut at MaxLength. docs/processing.md shows each on an example.
+static const Rule rules[] = {
+    { "rename", hasFunction, rename },                // rename.txt: one name across compilers, builds, CPUs
+    { "name", always, name },                         // function without parameters, file:line, module@0xoffset
+    { "nowhere", inNoModule, readAsNoModule },        // a bad call or jump target: one token, never the address
+    { "library", unnamedInLibrary, readAsLibrary },   // libraries.txt: a C library frame no table names is "libc"
+    { "sentinel", isSentinel, startHere },            // sentinel.txt: the signature starts at the innermost
+    { "kind", hasKind, tellKind },                    // kinds.txt: the outermost tells how the program died
+    { "skip", isSkipped, leaveOut },                  // skip.txt, and library tokens on a way of dying
+    { "repeat", namedAgain, leaveOut },               // a frame its caller names again
 };
 
 QString SignatureRules::signature(const QVector<Frame> &frames) const
@@ -129,15 +191,15 @@ QString SignatureRules::signature(const QVector<Frame> &frames) const
         return NoFramesSignature;
     Stack stack;
     for (const Frame &frame : frames)
-        stack.lines.append(Stack::Line{ &frame, frame.function });
+        stack.lines.append(Line{ &frame, frame.function });
     for (const Rule &rule : rules) {
         for (int i = 0; i < stack.lines.size(); ++i) {
-            if (rule.applies(*this, stack, i))
-                rule.apply(*this, stack, i);
+            if (rule.applies(m_lists, stack, i))
+                rule.apply(m_lists, stack, i);
         }
     }
     QStringList kept;
-    for (const Stack::Line &line : qAsConst(stack.lines)) {
+    for (const Line &line : qAsConst(stack.lines)) {
         if (line.kept)
             kept << line.text;
     }
@@ -150,7 +212,7 @@ QString SignatureRules::signature(const QVector<Frame> &frames) const
         parts << stack.kind;
     for (const QString &text : qAsConst(kept)) {
         parts << text;
-        if (!m_prefix.matches(text))
+        if (!m_lists.prefix.matches(text))
             break;
     }
     QString signature = parts.join(QLatin1String(separator));
@@ -189,11 +251,11 @@ bool SignatureRules::load(const QString &folder, QString *error)
 {
     m_folder = folder;
     m_version = 0;
-    return loadList(QStringLiteral("libraries.txt"), &m_libraries, true, error) && loadRenames(error)
-            && loadList(QStringLiteral("sentinel.txt"), &m_sentinel, false, error)
-            && loadList(QStringLiteral("kinds.txt"), &m_kinds, true, error)
-            && loadList(QStringLiteral("skip.txt"), &m_skip, false, error)
-            && loadList(QStringLiteral("prefix.txt"), &m_prefix, false, error);
+    return loadList(QStringLiteral("libraries.txt"), &m_lists.libraries, true, error) && loadRenames(error)
+            && loadList(QStringLiteral("sentinel.txt"), &m_lists.sentinel, false, error)
+            && loadList(QStringLiteral("kinds.txt"), &m_lists.kinds, true, error)
+            && loadList(QStringLiteral("skip.txt"), &m_lists.skip, false, error)
+            && loadList(QStringLiteral("prefix.txt"), &m_lists.prefix, false, error);
 }
 
 // The lines that are neither blank nor comments, each as "file:line: text" for messages. The
@@ -288,7 +350,7 @@ bool SignatureRules::loadRenames(QString *error)
     QStringList lines;
     if (!loadFile(QStringLiteral("rename.txt"), &lines, error))
         return false;
-    m_renames.clear();
+    m_lists.renames.clear();
     for (const QString &line : qAsConst(lines)) {
         const QString rule = content(line);
         const int at = rule.lastIndexOf(QLatin1String(arrow));
@@ -298,7 +360,7 @@ bool SignatureRules::loadRenames(QString *error)
                              .arg(m_folder, located(line), pattern.isValid() ? QString() : QStringLiteral(": ") + pattern.errorString());
             return false;
         }
-        m_renames.append(Rename{ pattern, rule.mid(at + 2).trimmed() });
+        m_lists.renames.append(Rename{ pattern, rule.mid(at + 2).trimmed() });
     }
     return true;
 }

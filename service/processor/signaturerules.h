@@ -23,9 +23,7 @@ public:
     int version() const { return m_version; }
     QString signature(const QVector<Frame> &frames) const;
 
-private:
-    struct Stack;
-    // Names, one a line; a trailing * matches any rest. With a value: "name => value".
+    // Names, one a line; a trailing * matches any rest. With values: "name => value".
     struct List
     {
         QSet<QString> names;
@@ -40,14 +38,18 @@ private:
         QRegularExpression pattern;
         QString replacement;
     };
-    struct Rule
+    // The lists of the rules folder, one per file.
+    struct Lists
     {
-        const char *name;
-        bool (*applies)(const SignatureRules &rules, const Stack &stack, int frame);
-        void (*apply)(const SignatureRules &rules, Stack &stack, int frame);
+        List libraries;
+        QVector<Rename> renames;
+        List sentinel;
+        List kinds;
+        List skip;
+        List prefix;
     };
-    static const Rule rules[];
 
+private:
     bool loadFile(const QString &name, QStringList *lines, QString *error);
     bool loadList(const QString &name, List *list, bool withValues, QString *error);
     bool loadRenames(QString *error);
@@ -55,12 +57,7 @@ private:
     QString m_folder;
     int m_version = 0;
     QString m_versionFile;
-    List m_libraries;
-    QVector<Rename> m_renames;
-    List m_sentinel;
-    List m_kinds;
-    List m_skip;
-    List m_prefix;
+    Lists m_lists;
 };
 
 #endif
