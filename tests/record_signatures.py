@@ -25,6 +25,7 @@ CLIENTS = {
     'gcc': os.path.join(BUILD, 'bin/velmora-democlient'),
     'gcc without PIE': os.path.join(BUILD, 'tests/velmora-democlient-nopie'),
     'clang/lld': os.path.join(BUILD, 'tests/velmora-democlient-lld'),
+    'Qt': os.path.join(BUILD, 'bin/velmora-democlient-qt'),
 }
 # Masks that leave the SSSE3 and the SSE2 copies of memcpy, which any x86-64 CI machine has.
 CPUS = {
@@ -35,6 +36,11 @@ LIBC_DEBUG = {True: "C library's debug file", False: "C library's executable onl
 # Mode: the signature it must give with the C library's debug file and without, and which
 # builds, CPUs and debug files it is recorded with.
 EXPECTED = {
+    # The Qt client (C++, gcc): an exception nobody catches, one that reaches a noexcept
+    # function (gcc's stack still holds the thrower), and qFatal.
+    'exception': (('terminate | main',) * 2, ['Qt'], ['sse2'], [True, False]),
+    'noexcept': (('noexcept | fail',) * 2, ['Qt'], ['sse2'], [True, False]),
+    'qfatal': (('fatal | main',) * 2, ['Qt'], ['sse2'], [True, False]),
     'abort': (('abort | crash', 'abort | crash'), ['gcc', 'clang/lld'], ['sse2'], [True, False]),
     'assert-index': (('assert | check_index',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True, False]),
     'assert-range': (('assert | check_range',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True, False]),
@@ -56,14 +62,18 @@ def build_id(path):
     return notes.split('Build ID: ')[1].split()[0]
 
 
-def libc_executables(folder):
-    """A symbols folder with the C library's executable filed under its build ID, as the debug
-    file (today's processor reads its symbol table from there) and as the executable."""
-    libc = run('sh', '-c', 'ldd "$0" | sed -n "s/.*libc.so.6 => \\(\\S*\\).*/\\1/p"', CLIENTS['gcc']).stdout.strip()
-    bid = build_id(libc)
-    os.makedirs(os.path.join(folder, '.build-id', bid[:2]))
-    for name in (bid[2:], bid[2:] + '.debug'):
-        os.symlink(os.path.realpath(libc), os.path.join(folder, '.build-id', bid[:2], name))
+def library_executables(folder, clients):
+    """A symbols folder with the executables of the libraries the clients load, filed under
+    their build IDs as the executable and as the debug file: without a debug file, today's
+    processor names their frames from the symbol tables of what it finds there."""
+    for client in clients:
+        libraries = run('sh', '-c', 'ldd "$0" | sed -n "s/.* => \\(\\/\\S*\\).*/\\1/p"', client).stdout.split()
+        for library in libraries:
+            bid = build_id(library)
+            os.makedirs(os.path.join(folder, '.build-id', bid[:2]), exist_ok=True)
+            for name in (bid[2:], bid[2:] + '.debug'):
+                if not os.path.lexists(os.path.join(folder, '.build-id', bid[:2], name)):
+                    os.symlink(os.path.realpath(library), os.path.join(folder, '.build-id', bid[:2], name))
     return folder
 
 
@@ -105,11 +115,17 @@ def symbolize(dumps, tmp, symbols):
 
 
 def main():
-    run('cmake', '--build', BUILD, '--target', 'velmora-processor', 'velmora-democlient', 'democlient_variants')
+    targets = run('cmake', '--build', BUILD, '--target', 'help').stdout
+    run('cmake', '--build', BUILD, '--target', 'velmora-processor', 'velmora-democlient', 'democlient_variants',
+        *(['velmora-democlient-qt'] if 'velmora-democlient-qt' in targets else []))
+    for name, client in list(CLIENTS.items()):
+        if not os.path.exists(client):
+            print('%s: not built here, its rows are left out' % client)
+            del CLIENTS[name]
     with tempfile.TemporaryDirectory(prefix='record_signatures.') as tmp:
         symbols = os.path.join(tmp, 'symbols')
         run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), symbols, *CLIENTS.values())
-        libc = libc_executables(os.path.join(tmp, 'libc'))
+        libc = library_executables(os.path.join(tmp, 'libraries'), CLIENTS.values())
         # The debug file wins where both are filed: the folders are searched in order.
         folders = {True: [symbols, '/usr/lib/debug', libc], False: [symbols, libc]}
         stripped = {}
@@ -118,7 +134,7 @@ def main():
             run('strip', '-o', stripped[name], client)
         cases = []  # (case, signature, dump, with the debug file)
         for mode, (signatures, builds, cpus, debug_files) in EXPECTED.items():
-            for build in builds:
+            for build in [b for b in builds if b in CLIENTS]:
                 for cpu in cpus:
                     dump = crash(stripped[build], mode, cpu, tempfile.mkdtemp(dir=tmp))
                     for with_debug in debug_files:
