@@ -24,7 +24,7 @@ TABLE = os.path.join(ROOT, 'tests/data/signatures.txt')
 CLIENTS = {
     'gcc': os.path.join(BUILD, 'bin/velmora-democlient'),
     'gcc without PIE': os.path.join(BUILD, 'tests/velmora-democlient-nopie'),
-    'clang/lld': os.path.join(BUILD, 'tests/velmora-democlient-lld'),
+    'clang/lld': os.path.join(BUILD, 'tests/velmora-democlient-lld-mixed'),
     'Qt': os.path.join(BUILD, 'bin/velmora-democlient-qt'),
 }
 # Masks that leave the SSSE3 and the SSE2 copies of memcpy, which any x86-64 CI machine has.
