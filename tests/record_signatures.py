@@ -44,7 +44,7 @@ EXPECTED = {
     'abort': (('abort | crash', 'abort | crash'), ['gcc', 'clang/lld'], ['sse2'], [True, False]),
     'assert-index': (('assert | check_index',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True, False]),
     'assert-range': (('assert | check_range',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True, False]),
-    'fortify': (('buffer overflow | fill_header',) * 2, ['gcc', 'clang/lld'], ['ssse3', 'sse2'], [True, False]),
+    'fortify': (('buffer overflow | fill_header',) * 2, ['gcc', 'clang/lld'], ['sse2'], [True, False]),
     'badcopy': (('memcpy | copy_record',) * 2, ['gcc', 'clang/lld'], ['ssse3', 'sse2'], [True, False]),
     'badlength': (('strlen | measure_name', 'libc | measure_name'), ['gcc'], ['sse2'], [True, False]),
     'jump': (('(no module) | jump_to_data',) * 2, ['gcc', 'gcc without PIE', 'clang/lld'], ['sse2'], [True]),
