@@ -3,6 +3,7 @@
 #define _GNU_SOURCE
 #include "crashhandler.h"
 
+#include <assert.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <limits.h>
@@ -13,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,7 +22,8 @@
 enum { EXIT_USAGE = 2, EXIT_NO_CRASH = 4 };
 
 static const char *const kinds[] = {
-    "segv", "abort", "fpe", "stack", "nullcall", "wild", "trap", "thread", "race", "unwind", NULL,
+    "segv", "abort", "fpe", "stack", "nullcall", "wild", "trap", "thread", "race", "unwind",
+    "badcopy", "badlength", "assert-index", "assert-range", "jump", "badcall", "fortify", NULL,
 };
 
 /* Volatile, so that the compiler can neither fold the faults nor prove the recursion endless. */
@@ -30,6 +33,10 @@ static void (*volatile null_function)(void);
 static volatile int zero;
 static volatile int dividend = 42;
 static volatile unsigned long recursion_limit = ULONG_MAX;
+static void (*volatile bad_function)(void) = (void (*)(void))0x10;
+static char *volatile null_buffer;
+static volatile size_t copy_size = 64;
+static volatile int record_index = 7;
 
 static sem_t second_crash;
 static int racing;
@@ -59,6 +66,43 @@ static unsigned long recurse(unsigned long depth)
         return depth;
     /* Work after the call keeps it from becoming a jump, so every level takes stack. */
     return recurse(depth + 1) + (unsigned long)frame[0];
+}
+
+/* Crashes that end inside the C library or in no module at all, for the signature rules. */
+static void copy_record(const char *record)
+{
+    memcpy(null_buffer, record, copy_size);
+    zero = 0;
+}
+
+static size_t measure_name(const char *name)
+{
+    return strlen(name) + 1;
+}
+
+static void check_index(int index)
+{
+    assert(index < 4);
+}
+
+static void check_range(int first, int last)
+{
+    assert(first <= last);
+}
+
+static void jump_to_data(void)
+{
+    void *page = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page != MAP_FAILED)
+        ((void (*)(void))page)();
+    zero = 0;
+}
+
+static void fill_header(const char *record)
+{
+    char header[16];
+    __builtin___memcpy_chk(header, record, copy_size, sizeof header);
+    zero = header[0];
 }
 
 static void divide_by_zero(void)
@@ -123,6 +167,22 @@ static void crash(const char *kind)
 #elif defined(__aarch64__)
         __asm__ volatile("brk #0");
 #endif
+    } else if (strcmp(kind, "badcopy") == 0) {
+        copy_record("record");
+    } else if (strcmp(kind, "badlength") == 0) {
+        zero = (int)measure_name(null_buffer);
+    } else if (strcmp(kind, "assert-index") == 0) {
+        check_index(record_index);
+    } else if (strcmp(kind, "assert-range") == 0) {
+        check_range(record_index, 3);
+    } else if (strcmp(kind, "jump") == 0) {
+        jump_to_data();
+    } else if (strcmp(kind, "badcall") == 0) {
+        bad_function();
+        zero = 0;
+    } else if (strcmp(kind, "fortify") == 0) {
+        char record[64] = "record";
+        fill_header(record);
     } else if (strcmp(kind, "unwind") == 0) {
 #if defined(__x86_64__)
         broken_unwind();
@@ -202,7 +262,8 @@ static void usage(FILE *out)
                  "                          [--client-version TEXT] [--own-handler]\n\n"
                  "Installs the crash handler and crashes; the handler writes the dump into DIR and\n"
                  "starts the sender (default: error_report beside this program). KIND is one of\n"
-                 "segv abort fpe stack nullcall wild trap thread race unwind.\n");
+                 "segv abort fpe stack nullcall wild trap thread race unwind badcopy badlength\n"
+                 "assert-index assert-range jump badcall fortify.\n");
 }
 
 int main(int argc, char *argv[])

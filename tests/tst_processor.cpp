@@ -37,6 +37,8 @@ __asm__(".text\n"
         ".size loop_frame, .-loop_frame\n");
 #endif
 
+Q_DECLARE_METATYPE(QVector<Frame>)
+
 static const QByteArray header = "VELMORA-CRASH 2\nversion: 3.0.0\nsignal: 11 SIGSEGV\ncode: 1\naddress: 0x0000000000000010\n";
 static const QByteArray frames = "frame 0: 0x000055d0c1a024ef\nframe 1: 0x00007f7e0a42724a\n";
 static const QByteArray modules =
@@ -373,75 +375,126 @@ void tst_Processor::cores()
     QVERIFY2(stacks.constLast().stop.contains(lastStop), qPrintable(stacks.constLast().stop));
 }
 
+// A frame as the literal rows write it: a function, file:line, module@0xoffset, or @0xaddress.
+static Frame frameFrom(const QString &text)
+{
+    Frame frame;
+    const int at = text.indexOf(QLatin1Char('@'));
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    if (at >= 0) {
+        frame.hasModule = at > 0;
+        frame.module = text.left(at);
+        frame.offset = frame.address = text.mid(at + 3).toULongLong(nullptr, 16);
+    } else if (colon > 0 && text.at(colon - 1) != QLatin1Char(':') && text.mid(colon + 1).toInt() > 0) {
+        frame.hasModule = true;
+        frame.module = QStringLiteral("velmora");
+        frame.file = QStringLiteral("/build/src/") + text.left(colon);
+        frame.line = text.mid(colon + 1).toInt();
+    } else {
+        frame.hasModule = true;
+        frame.module = QStringLiteral("velmora");
+        frame.function = text;
+    }
+    return frame;
+}
+
 void tst_Processor::signatures_data()
 {
-    QTest::addColumn<QStringList>("stack");  // innermost first: functions, or module@0xoffset
+    QTest::addColumn<QVector<Frame>>("stack");  // innermost first
     QTest::addColumn<QString>("signature");
 
-    QTest::newRow("abort's way to the kernel is skipped")
-            << QStringList{ "__pthread_kill_implementation", "__GI_raise", "__GI_abort", "crash", "main" } << "crash";
-    QTest::newRow("the crash handler and the trampoline are skipped")
-            << QStringList{ "write_dump", "handle_crash", "__restore_rt", "crash", "main" } << "crash";
-    QTest::newRow("frames that say nothing lead to the one that does")
-            << QStringList{ "__memmove_avx_unaligned_erms", "operator new(unsigned long)", "Scene::load(QString const&) const", "main" }
-            << "__memmove_avx_unaligned_erms | operator new | Scene::load";
-    QTest::newRow("a sentinel starts the signature")
-            << QStringList{ "qAbort()", "qt_message_fatal", "QMessageLogger::fatal(char const*, ...) const", "Renderer::draw()", "main" }
-            << "QMessageLogger::fatal | Renderer::draw";
-    QTest::newRow("no function: module and offset") << QStringList{ "velmora@0x24ef", "main" } << "velmora@0x24ef";
-    QTest::newRow("a call through a null pointer") << QStringList{ "@0x0", "velmora@0x24ef" } << "@0x0 | velmora@0x24ef";
-    QTest::newRow("a call operator keeps its name") << QStringList{ "{lambda(int)#1}::operator()(int) const" } << "{lambda(int)#1}::operator()";
-    QTest::newRow("nothing but skipped frames") << QStringList{ "__GI_raise", "__GI_abort" } << "__GI_raise";
-    QTest::newRow("no frames") << QStringList() << SignatureRules::NoFramesSignature;
-    const QStringList copies = QString(QStringLiteral("memcpy,")).repeated(60).split(',', Qt::SkipEmptyParts);
-    QTest::newRow("at most 255 characters") << copies << copies.join(" | ").left(255);
+    // Stacks from real crashes of the demo client, as the processor gave them.
+    QFile table(QStringLiteral(SIGNATURE_TABLE));
+    QVERIFY2(table.open(QIODevice::ReadOnly), qPrintable(table.errorString()));
+    QString name, signature;
+    QVector<Frame> stack;
+    const QStringList lines = QString::fromUtf8(table.readAll()).split(QLatin1Char('\n'));
+    for (int i = 0; i <= lines.size(); ++i) {
+        const QString line = i < lines.size() ? lines.at(i) : QString();
+        if (line.startsWith(QLatin1Char('\t'))) {
+            const QStringList columns = line.mid(1).split(QLatin1Char('\t'));
+            Frame frame;
+            frame.function = columns.value(0);
+            frame.module = columns.value(1);
+            frame.hasModule = !frame.module.isEmpty();
+            frame.file = columns.value(2).section(QLatin1Char(':'), 0, 0);
+            frame.line = columns.value(2).section(QLatin1Char(':'), 1).toInt();
+            stack << frame;
+        } else if (line.startsWith(QLatin1String("signature: "))) {
+            signature = line.mid(11);
+        } else if (line.startsWith(QLatin1String("case: ")) || i == lines.size()) {
+            if (!name.isEmpty())
+                QTest::newRow(qPrintable(name)) << stack << signature;
+            name = line.mid(6);
+            stack.clear();
+        }
+    }
+
+    // What the demo client's crashes do not reach (the C++ names come with the C++ client).
+    const QVector<QPair<QStringList, QString>> literal = {
+        { { "{lambda(int)#1}::operator()(int) const", "main" }, "{lambda(int)#1}::operator()" },
+        { { "(anonymous namespace)::scaled(double) [clone .isra.0]", "main" }, "scaled" },
+        { { "scaled.constprop.0.cold", "main" }, "scaled" },
+        { { "Index::name[abi:cxx11]() const", "main" }, "Index::name" },
+        { { "render.c:42", "main" }, "render.c:42" },
+        { { "velmora@0x24ef", "main" }, "velmora@0x24ef" },
+        { { "__GI_raise", "__GI_abort" }, "abort | __GI_raise" },
+        { {}, SignatureRules::NoFramesSignature },
+    };
+    for (const auto &row : literal) {
+        QVector<Frame> frames;
+        for (const QString &text : row.first)
+            frames << frameFrom(text);
+        QTest::newRow(qPrintable(row.first.join(QLatin1String(" < ")))) << frames << row.second;
+    }
+    QVector<Frame> copies;
+    for (int i = 0; i < 60; ++i)
+        copies << frameFrom(QLatin1String(i % 2 ? "memset" : "memcpy"));
+    QTest::newRow("at most 255 characters") << copies
+            << QStringLiteral("memcpy | memset | memcpy | memset | memcpy | memset | memcpy | memset | memcpy | memset | memcpy | m"
+                              "emset | memcpy | memset | memcpy | memset | memcpy | memset | memcpy | memset | memcpy | memset | me"
+                              "mcpy | memset | memcpy | memset | memcpy | memset | mem");
 }
 
 void tst_Processor::signatures()
 {
-    QFETCH(QStringList, stack);
+    QFETCH(QVector<Frame>, stack);
     QFETCH(QString, signature);
 
     SignatureRules rules;
     QString error;
     QVERIFY2(rules.load(QStringLiteral(SIGNATURE_DIR), &error), qPrintable(error));
-    QVector<Frame> frames;
-    for (const QString &text : stack) {
-        Frame frame;
-        const int at = text.indexOf(QLatin1Char('@'));
-        if (at < 0) {
-            frame.function = text;
-        } else {
-            frame.hasModule = at > 0;
-            frame.module = text.left(at);
-            frame.offset = frame.address = text.mid(at + 3).toULongLong(nullptr, 16);
-        }
-        frames << frame;
-    }
-    QCOMPARE(rules.signature(frames), signature);
+    QCOMPARE(rules.signature(stack), signature);
 }
 
 void tst_Processor::ruleFiles_data()
 {
-    QTest::addColumn<QByteArray>("skip");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("text");
     QTest::addColumn<QString>("error");
 
-    QTest::newRow("the version of one list raised alone") << QByteArray("version: 2\nabort\n") << "versions 2, 1 and 1";
-    QTest::newRow("a * inside a name") << QByteArray("version: 1\n__pthread_*_implementation\n") << "skip.txt:2: only a trailing *";
-    QTest::newRow("no version") << QByteArray("abort\n") << "skip.txt: no version";
+    QTest::newRow("the version of one list raised alone") << "skip.txt" << QByteArray("version: 3\nabort\n") << "skip.txt has version 3";
+    QTest::newRow("a * inside a name") << "skip.txt" << QByteArray("version: 2\n__pthread_*_implementation\n") << "skip.txt:2: only a trailing *";
+    QTest::newRow("no version") << "prefix.txt" << QByteArray("memcpy\n") << "prefix.txt: no version";
+    QTest::newRow("a kind without a name for it") << "kinds.txt" << QByteArray("version: 2\nabort\n") << "kinds.txt:2: needs";
+    QTest::newRow("a pattern that does not compile") << "rename.txt" << QByteArray("version: 2\n(isra => x\n") << "rename.txt:2: needs";
 }
 
 void tst_Processor::ruleFiles()
 {
-    QFETCH(QByteArray, skip);
+    QFETCH(QString, file);
+    QFETCH(QByteArray, text);
     QFETCH(QString, error);
 
     QTemporaryDir dir;
-    for (const char *name : { "skip.txt", "prefix.txt", "sentinel.txt" }) {
-        QFile file(dir.filePath(QLatin1String(name)));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(qstrcmp(name, "skip.txt") == 0 ? skip : QByteArray("version: 1\nmemcpy\n"));
+    for (const QString &name : QDir(QStringLiteral(SIGNATURE_DIR)).entryList({ QStringLiteral("*.txt") })) {
+        QVERIFY(QFile::copy(QStringLiteral(SIGNATURE_DIR "/") + name, dir.filePath(name)));
+        QFile::setPermissions(dir.filePath(name), QFile::ReadOwner | QFile::WriteOwner);
     }
+    QFile edited(dir.filePath(file));
+    QVERIFY(edited.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    edited.write(text);
+    edited.close();
     SignatureRules rules;
     QString message;
     QVERIFY(!rules.load(dir.path(), &message));

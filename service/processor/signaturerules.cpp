@@ -1,12 +1,42 @@
 #include "signaturerules.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 const QString SignatureRules::NoDumpSignature = QStringLiteral("EMPTY: no crash dump");
 const QString SignatureRules::NoFramesSignature = QStringLiteral("EMPTY: no frames in the crash dump");
+const QString SignatureRules::NoModuleToken = QStringLiteral("(no module)");
 
 static const char separator[] = " | ";
+static const char arrow[] = "=>";
 static const qint64 maxListBytes = 1024 * 1024;
+
+namespace {
+
+using Lists = SignatureRules::Lists;
+
+struct Line
+{
+    const Frame *frame;
+    QString text;
+    bool token = false;  // stands for a frame that no name was found for
+    bool kept = true;
+};
+
+struct Stack
+{
+    QVector<Line> lines;
+    bool dying = false;  // a sentinel was found: the frames from there on are a way of dying
+    QString kind;
+
+    int nextKept(int i) const
+    {
+        while (++i < lines.size() && !lines.at(i).kept) {}
+        return i < lines.size() ? i : -1;
+    }
+};
+
+} // namespace
 
 // "ns::Class::method(int) const" groups as "ns::Class::method": overloads crash alike, and the
 // parameter lists would eat the signature's length.
@@ -30,62 +60,159 @@ static QString withoutParameters(const QString &name)
     return name;
 }
 
-bool SignatureRules::List::matches(const QString &text) const
+// A function without parameters; without one the source line; without that the module and
+// offset (a path's folders differ from one build machine to the next).
+static QString frameName(const QString &function, const Frame &frame)
 {
-    if (names.contains(text))
-        return true;
-    for (const QString &prefix : prefixes) {
-        if (text.startsWith(prefix))
-            return true;
-    }
-    return false;
+    if (!function.isEmpty())
+        return withoutParameters(function);
+    if (!frame.file.isEmpty() && frame.line > 0)
+        return QStringLiteral("%1:%2").arg(QFileInfo(frame.file).fileName()).arg(frame.line);
+    return QStringLiteral("%1@0x%2").arg(frame.module).arg(frame.offset, 0, 16);
 }
 
-bool SignatureRules::load(const QString &folder, QString *error)
+static bool always(const Lists &, const Stack &, int)
 {
-    int versions[3] = { 0, 0, 0 };
-    if (!loadList(folder + QStringLiteral("/skip.txt"), &m_skip, &versions[0], error)
-        || !loadList(folder + QStringLiteral("/prefix.txt"), &m_prefix, &versions[1], error)
-        || !loadList(folder + QStringLiteral("/sentinel.txt"), &m_sentinel, &versions[2], error))
-        return false;
-    // One number for the three lists: a change to any is a new way of grouping.
-    if (versions[0] != versions[1] || versions[0] != versions[2]) {
-        *error = QStringLiteral("%1: skip.txt, prefix.txt and sentinel.txt have versions %2, %3 and %4;"
-                                " a change to any list raises the version in all three")
-                         .arg(folder).arg(versions[0]).arg(versions[1]).arg(versions[2]);
-        return false;
-    }
-    m_version = versions[0];
     return true;
 }
+
+static bool hasFunction(const Lists &, const Stack &s, int i)
+{
+    return !s.lines.at(i).frame->function.isEmpty();
+}
+
+static void rename(const Lists &lists, Stack &s, int i)
+{
+    for (const SignatureRules::Rename &rename : lists.renames)
+        s.lines[i].text.replace(rename.pattern, rename.replacement);
+}
+
+static void name(const Lists &, Stack &s, int i)
+{
+    s.lines[i].text = frameName(s.lines.at(i).text, *s.lines.at(i).frame);
+}
+
+static bool inNoModule(const Lists &, const Stack &s, int i)
+{
+    return !s.lines.at(i).frame->hasModule;
+}
+
+static void readAsNoModule(const Lists &, Stack &s, int i)
+{
+    s.lines[i].text = SignatureRules::NoModuleToken;
+    s.lines[i].token = true;
+}
+
+static bool unnamedInLibrary(const Lists &lists, const Stack &s, int i)
+{
+    const Frame &frame = *s.lines.at(i).frame;
+    return frame.hasModule && frame.function.isEmpty() && lists.libraries.matches(frame.module);
+}
+
+static void readAsLibrary(const Lists &lists, Stack &s, int i)
+{
+    s.lines[i].text = lists.libraries.value(s.lines.at(i).frame->module);
+    s.lines[i].token = true;
+}
+
+static bool isSentinel(const Lists &lists, const Stack &s, int i)
+{
+    return lists.sentinel.matches(s.lines.at(i).text);
+}
+
+// The innermost sentinel wins: what lies above it is left out.
+static void startHere(const Lists &, Stack &s, int i)
+{
+    if (s.dying)
+        return;
+    s.dying = true;
+    for (int above = 0; above < i; ++above)
+        s.lines[above].kept = false;
+}
+
+static bool hasKind(const Lists &lists, const Stack &s, int i)
+{
+    return s.lines.at(i).kept && lists.kinds.matches(s.lines.at(i).text);
+}
+
+// Frames are taken innermost first, so the outermost kind is the one that stays.
+static void tellKind(const Lists &lists, Stack &s, int i)
+{
+    s.kind = lists.kinds.value(s.lines.at(i).text);
+}
+
+static bool isSkipped(const Lists &lists, const Stack &s, int i)
+{
+    const Line &line = s.lines.at(i);
+    return lists.skip.matches(line.text) || (s.dying && line.token && line.frame->hasModule);
+}
+
+static void leaveOut(const Lists &, Stack &s, int i)
+{
+    s.lines[i].kept = false;
+}
+
+// The next frame names this one again: a library function under the wrapper of the same
+// name that _FORTIFY_SOURCE inlines into the caller, or a library token under that wrapper.
+static bool namedAgain(const Lists &lists, const Stack &s, int i)
+{
+    const int next = s.nextKept(i);
+    if (!s.lines.at(i).kept || next < 0)
+        return false;
+    const Line &line = s.lines.at(i);
+    const QString &caller = s.lines.at(next).text;
+    return line.text == caller || (line.token && line.frame->hasModule && lists.prefix.matches(caller));
+}
+
+struct Rule
+{
+    const char *name;
+    bool (*applies)(const Lists &lists, const Stack &stack, int frame);
+    void (*apply)(const Lists &lists, Stack &stack, int frame);
+};
+
+// The rules in the order they apply, each to every frame from the innermost out before the
+// next rule. What is kept is then joined while frames match prefix.txt, after the kind of
+// death, and cut at MaxLength. docs/processing.md shows each on an example.
+static const Rule rules[] = {
+    { "rename", hasFunction, rename },                // rename.txt: one name across compilers, builds, CPUs
+    { "name", always, name },                         // function without parameters, file:line, module@0xoffset
+    { "nowhere", inNoModule, readAsNoModule },        // a bad call or jump target: one token, never the address
+    { "library", unnamedInLibrary, readAsLibrary },   // libraries.txt: a C library frame no table names is "libc"
+    { "sentinel", isSentinel, startHere },            // sentinel.txt: the signature starts at the innermost
+    { "kind", hasKind, tellKind },                    // kinds.txt: the outermost tells how the program died
+    { "skip", isSkipped, leaveOut },                  // skip.txt, and library tokens on a way of dying
+    { "repeat", namedAgain, leaveOut },               // a frame its caller names again
+};
 
 QString SignatureRules::signature(const QVector<Frame> &frames) const
 {
     if (frames.isEmpty())
         return NoFramesSignature;
-    QStringList texts;
+    Stack stack;
     for (const Frame &frame : frames)
-        texts << frameText(frame);
-    int first = 0;
-    for (int i = 0; i < texts.size(); ++i) {
-        if (m_sentinel.matches(texts.at(i))) {
-            first = i;
-            break;
+        stack.lines.append(Line{ &frame, frame.function });
+    for (const Rule &rule : rules) {
+        for (int i = 0; i < stack.lines.size(); ++i) {
+            if (rule.applies(m_lists, stack, i))
+                rule.apply(m_lists, stack, i);
         }
     }
     QStringList kept;
-    for (int i = first; i < texts.size(); ++i) {
-        if (!m_skip.matches(texts.at(i)))
-            kept << texts.at(i);
+    for (const Line &line : qAsConst(stack.lines)) {
+        if (line.kept)
+            kept << line.text;
     }
     // A stack of nothing but skipped frames still needs a name.
     if (kept.isEmpty())
-        kept = texts.mid(first);
+        kept << stack.lines.first().text;
 
     QStringList parts;
+    if (!stack.kind.isEmpty())
+        parts << stack.kind;
     for (const QString &text : qAsConst(kept)) {
         parts << text;
-        if (!m_prefix.matches(text))
+        if (!m_lists.prefix.matches(text))
             break;
     }
     QString signature = parts.join(QLatin1String(separator));
@@ -97,47 +224,143 @@ QString SignatureRules::signature(const QVector<Frame> &frames) const
     return signature;
 }
 
-QString SignatureRules::frameText(const Frame &frame)
+bool SignatureRules::List::matches(const QString &text) const
 {
-    if (!frame.function.isEmpty())
-        return withoutParameters(frame.function);
-    if (frame.hasModule)
-        return QStringLiteral("%1@0x%2").arg(frame.module).arg(frame.offset, 0, 16);
-    return QStringLiteral("@0x%1").arg(frame.address, 0, 16);
+    if (names.contains(text))
+        return true;
+    for (const QString &prefix : prefixes) {
+        if (text.startsWith(prefix))
+            return true;
+    }
+    return false;
 }
 
-bool SignatureRules::loadList(const QString &path, List *list, int *version, QString *error)
+QString SignatureRules::List::value(const QString &text) const
 {
+    auto exact = values.constFind(text);
+    if (exact != values.constEnd())
+        return exact.value();
+    for (const QString &prefix : prefixes) {
+        if (text.startsWith(prefix))
+            return values.value(prefix + QLatin1Char('*'));
+    }
+    return QString();
+}
+
+bool SignatureRules::load(const QString &folder, QString *error)
+{
+    m_folder = folder;
+    m_version = 0;
+    return loadList(QStringLiteral("libraries.txt"), &m_lists.libraries, true, error) && loadRenames(error)
+            && loadList(QStringLiteral("sentinel.txt"), &m_lists.sentinel, false, error)
+            && loadList(QStringLiteral("kinds.txt"), &m_lists.kinds, true, error)
+            && loadList(QStringLiteral("skip.txt"), &m_lists.skip, false, error)
+            && loadList(QStringLiteral("prefix.txt"), &m_lists.prefix, false, error);
+}
+
+// The lines that are neither blank nor comments, each as "file:line: text" for messages. The
+// version line is checked here: one number for all lists, since a change to any is a new way
+// of grouping.
+bool SignatureRules::loadFile(const QString &name, QStringList *lines, QString *error)
+{
+    const QString path = m_folder + QLatin1Char('/') + name;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         *error = QStringLiteral("%1: %2").arg(path, file.errorString());
         return false;
     }
-    const QStringList lines = QString::fromUtf8(file.read(maxListBytes)).split(QLatin1Char('\n'));
-    *list = List();
-    for (int i = 0; i < lines.size(); ++i) {
-        const QString line = lines.at(i).trimmed();
+    const QStringList all = QString::fromUtf8(file.read(maxListBytes)).split(QLatin1Char('\n'));
+    int version = 0;
+    lines->clear();
+    for (int i = 0; i < all.size(); ++i) {
+        const QString line = all.at(i).trimmed();
         if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
             continue;
-        if (line.startsWith(QLatin1String("version:"))) {
-            bool ok;
-            *version = line.mid(8).trimmed().toInt(&ok);
-            if (!ok || *version <= 0) {
-                *error = QStringLiteral("%1:%2: the version must be a whole number above 0").arg(path).arg(i + 1);
-                return false;
-            }
-        } else if (line.indexOf(QLatin1Char('*')) >= 0 && line.indexOf(QLatin1Char('*')) != line.size() - 1) {
-            *error = QStringLiteral("%1:%2: only a trailing * matches any rest").arg(path).arg(i + 1);
+        if (!line.startsWith(QLatin1String("version:"))) {
+            lines->append(QStringLiteral("%1:%2: %3").arg(name).arg(i + 1).arg(line));
+            continue;
+        }
+        bool ok;
+        version = line.mid(8).trimmed().toInt(&ok);
+        if (!ok || version <= 0) {
+            *error = QStringLiteral("%1:%2: the version must be a whole number above 0").arg(path).arg(i + 1);
             return false;
-        } else if (line.endsWith(QLatin1Char('*'))) {
-            list->prefixes << line.chopped(1);
-        } else {
-            list->names << line;
         }
     }
-    if (*version == 0) {
+    if (version == 0) {
         *error = QStringLiteral("%1: no version: line").arg(path);
         return false;
+    }
+    if (m_version != 0 && version != m_version) {
+        *error = QStringLiteral("%1: %2 has version %3, %4 has version %5; a change to any list raises the version in all")
+                         .arg(m_folder, m_versionFile).arg(m_version).arg(name).arg(version);
+        return false;
+    }
+    m_version = version;
+    m_versionFile = name;
+    return true;
+}
+
+static QString located(const QString &line)
+{
+    return line.section(QLatin1Char(' '), 0, 0);
+}
+
+static QString content(const QString &line)
+{
+    return line.section(QLatin1Char(' '), 1);
+}
+
+bool SignatureRules::loadList(const QString &name, List *list, bool withValues, QString *error)
+{
+    QStringList lines;
+    if (!loadFile(name, &lines, error))
+        return false;
+    *list = List();
+    for (const QString &line : qAsConst(lines)) {
+        QString key = content(line);
+        QString value;
+        const int at = key.indexOf(QLatin1String(arrow));
+        if (withValues != (at >= 0)) {
+            *error = QStringLiteral("%1/%2 %3").arg(m_folder, located(line),
+                                                    withValues ? QStringLiteral("needs \"name => value\"")
+                                                               : QStringLiteral("takes no =>"));
+            return false;
+        }
+        if (withValues) {
+            value = key.mid(at + 2).trimmed();
+            key = key.left(at).trimmed();
+        }
+        const int star = key.indexOf(QLatin1Char('*'));
+        if (star >= 0 && star != key.size() - 1) {
+            *error = QStringLiteral("%1/%2 only a trailing * matches any rest").arg(m_folder, located(line));
+            return false;
+        }
+        if (star >= 0)
+            list->prefixes << key.chopped(1);
+        else
+            list->names << key;
+        list->values.insert(key, value);
+    }
+    return true;
+}
+
+bool SignatureRules::loadRenames(QString *error)
+{
+    QStringList lines;
+    if (!loadFile(QStringLiteral("rename.txt"), &lines, error))
+        return false;
+    m_lists.renames.clear();
+    for (const QString &line : qAsConst(lines)) {
+        const QString rule = content(line);
+        const int at = rule.lastIndexOf(QLatin1String(arrow));
+        const QRegularExpression pattern(at >= 0 ? rule.left(at).trimmed() : QString());
+        if (at < 0 || !pattern.isValid() || pattern.pattern().isEmpty()) {
+            *error = QStringLiteral("%1/%2 needs \"pattern => replacement\" with a valid pattern%3")
+                             .arg(m_folder, located(line), pattern.isValid() ? QString() : QStringLiteral(": ") + pattern.errorString());
+            return false;
+        }
+        m_lists.renames.append(Rename{ pattern, rule.mid(at + 2).trimmed() });
     }
     return true;
 }

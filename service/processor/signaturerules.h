@@ -3,43 +3,61 @@
 
 #include "frame.h"
 
+#include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
 
-// Reduces a symbolized stack to the signature that groups its crash with others. Frames are
-// matched by their text (the function without its parameters, or module@0xoffset) against
-// three lists, each a file of names, one a line, a trailing * matching any rest:
-// sentinel.txt (the signature starts at the innermost such frame), skip.txt (left out) and
-// prefix.txt (frames that alone say nothing: the signature goes on to the next). The lists
-// carry one version number between them, recorded with every report grouped by them.
+// Reduces a symbolized stack to the signature that groups its crash with others: a fixed
+// order of small rules (signaturerules.cpp lists them), each driven by a list in the rules
+// folder that a vendor edits without touching code. The lists carry one version number
+// between them, recorded with every report grouped by them.
 class SignatureRules
 {
 public:
     static constexpr int MaxLength = 255;
     static const QString NoDumpSignature;
     static const QString NoFramesSignature;
+    static const QString NoModuleToken;
 
     bool load(const QString &folder, QString *error);
     int version() const { return m_version; }
     QString signature(const QVector<Frame> &frames) const;
 
-    static QString frameText(const Frame &frame);
-
-private:
+    // Names, one a line; a trailing * matches any rest. With values: "name => value".
     struct List
     {
         QSet<QString> names;
         QStringList prefixes;
+        QHash<QString, QString> values;
 
         bool matches(const QString &text) const;
+        QString value(const QString &text) const;
+    };
+    struct Rename
+    {
+        QRegularExpression pattern;
+        QString replacement;
+    };
+    // The lists of the rules folder, one per file.
+    struct Lists
+    {
+        List libraries;
+        QVector<Rename> renames;
+        List sentinel;
+        List kinds;
+        List skip;
+        List prefix;
     };
 
-    bool loadList(const QString &path, List *list, int *version, QString *error);
+private:
+    bool loadFile(const QString &name, QStringList *lines, QString *error);
+    bool loadList(const QString &name, List *list, bool withValues, QString *error);
+    bool loadRenames(QString *error);
 
+    QString m_folder;
     int m_version = 0;
-    List m_skip;
-    List m_prefix;
-    List m_sentinel;
+    QString m_versionFile;
+    Lists m_lists;
 };
 
 #endif

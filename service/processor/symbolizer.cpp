@@ -164,6 +164,22 @@ static QString dieName(Dwarf_Die *die)
     return name ? QString::fromUtf8(name) : QString();
 }
 
+// clang writes .debug_aranges only on request (-gdwarf-aranges), so a client that builds the
+// crash handler with them and its own code without has a file where they cover some units
+// only. For an address in any other unit the lookup gives no unit, or the unit before it: the
+// units' own address ranges then tell which one holds the address.
+static Dwarf_Die *unitHolding(Dwfl_Module *module, Dwarf_Addr address, Dwarf_Addr *bias)
+{
+    Dwarf_Die *cu = dwfl_module_addrdie(module, address, bias);
+    if (cu && dwarf_haspc(cu, address - *bias) > 0)
+        return cu;
+    for (Dwarf_Die *unit = nullptr; (unit = dwfl_module_nextcu(module, unit, bias)) != nullptr;) {
+        if (dwarf_haspc(unit, address - *bias) > 0)
+            return unit;
+    }
+    return nullptr;
+}
+
 Symbolizer::Symbolizer(const QStringList &symbolDirs)
     : m_symbolDirs(symbolDirs)
 {
@@ -359,13 +375,7 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
     QString file;
     int line = 0;
     Dwarf_Addr bias = 0;
-    Dwarf_Die *cu = dwfl_module_addrdie(m->module, address, &bias);
-    // clang writes no .debug_aranges unless asked to (-gdwarf-aranges): then the units' own
-    // address ranges tell which one holds the address.
-    for (Dwarf_Die *unit = nullptr; !cu && (unit = dwfl_module_nextcu(m->module, unit, &bias)) != nullptr;) {
-        if (dwarf_haspc(unit, address - bias) > 0)
-            cu = unit;
-    }
+    Dwarf_Die *cu = unitHolding(m->module, address, &bias);
     if (Dwarf_Line *source = cu ? dwarf_getsrc_die(cu, address - bias) : nullptr) {
         int lineNumber = 0;
         const char *name = dwarf_linesrc(source, nullptr, nullptr);

@@ -1,6 +1,7 @@
 """velmora-processor end to end: the demo client crashes for real (a stripped copy, its debug
 file filed in a symbols folder or served by debuginfod), its reports go into a store and a
 database made by migrate.php, the processor runs, and --show and the tables tell the result."""
+import collections
 import glob
 import json
 import os
@@ -30,10 +31,10 @@ HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler
 # democlient.c that it faults in (the assembler of "unwind" has no line).
 CRASHES = {
     'segv': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
-    'abort': ('crash', 'SIGABRT', 'crash', 'abort();'),
+    'abort': ('abort | crash', 'SIGABRT', 'crash', 'abort();'),
     'fpe': ('divide_by_zero', 'SIGFPE', 'divide_by_zero', 'zero = dividend / zero;'),
     'stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;'),
-    'nullcall': ('@0x0 | crash', 'SIGSEGV', 'crash', 'null_function();'),
+    'nullcall': ('(no module) | crash', 'SIGSEGV', 'crash', 'null_function();'),
     'wild': ('crash', 'SIGSEGV', 'crash', '*wild_pointer = 1;'),
     'trap': ('crash', 'SIGTRAP', 'crash', 'int3'),
     'thread': ('worker', 'SIGSEGV', 'worker', '*null_pointer = 1;'),
@@ -134,8 +135,9 @@ class Processing(unittest.TestCase):
         cls.tmp = tempfile.mkdtemp(prefix='tst_processing.')
         os.chmod(cls.tmp, 0o755)
         # The client as a vendor ships it: stripped, its debug file kept apart by build ID. Built
-        # without PIE, and with clang and lld, it crashes once more.
-        clients = [DEMOCLIENT] + [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld')]
+        # without PIE, and with clang and lld (address ranges for the crash handler's unit only),
+        # it crashes once more.
+        clients = [DEMOCLIENT] + [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld-mixed')]
         cls.symbols = os.path.join(cls.tmp, 'symbols')
         filed = run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, *clients)
         filed.check_returncode()
@@ -289,7 +291,7 @@ class Processing(unittest.TestCase):
         unstripped = os.path.join(self.tmp, 'unstripped')
         shutil.copy(DEMOCLIENT, unstripped)
         rows = [
-            ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '@0x'),
+            ('truncated', segv[:segv.index('frame 2:') + 12], 'done', '(no module)'),
             ("garbage under a dump's name", os.urandom(4096), 'done', 'EMPTY: no crash dump'),
             ('a dump path to debug info, no build ID', segv.replace(self.build_id + ' ' + client_path, 'none ' + unstripped)
              .replace(client_path, unstripped), 'done', 'unstripped@0x'),
@@ -341,14 +343,19 @@ class Processing(unittest.TestCase):
             self.assertEqual(worker.wait(timeout=HANG_SECONDS / 2), 0)
         self.assertEqual(service.sql('SELECT state, attempts FROM reports'), [{'state': 'new', 'attempts': 0}])
 
-    def test_reprocess(self):
-        rules = os.path.join(self.tmp, 'rules')
+    def rules(self, version, edit):
+        """A copy of the shipped lists at another version, with one list edited."""
+        rules = tempfile.mkdtemp(dir=self.tmp)
         shutil.copytree(os.path.join(ROOT, 'service/signature'), rules, dirs_exist_ok=True)
         for name in os.listdir(rules):
             with open(os.path.join(rules, name)) as f:
-                text = f.read().replace('version: 1', 'version: 2') + ('crash\n' if name == 'prefix.txt' else '')
+                text = re.sub(r'(?m)^version: \d+$', 'version: %d' % version, f.read())
             with open(os.path.join(rules, name), 'w') as f:
-                f.write(text)
+                f.write(edit(name, text))
+        return rules
+
+    def test_reprocess(self):
+        rules = self.rules(3, lambda name, text: text + ('crash\n' if name == 'prefix.txt' else ''))
         # The last row's frames have no functions: regrouped, they keep their module and offset.
         for since, archive_kept, symbols, signature in ((DAY, True, True, 'crash | main'), (DAY, False, True, 'crash | main'),
                                                         ('2026-11-19', True, True, 'crash'), (DAY, False, False, None)):
@@ -364,8 +371,24 @@ class Processing(unittest.TestCase):
                 run(*command, env=env).check_returncode()
                 result = service.show(report)
                 self.assertEqual((result['signature'], result['rule_version'], result['signal']),
-                                 (signature, 1 if since != DAY else 2, 'SIGSEGV'))
+                                 (signature, 2 if since != DAY else 3, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
+
+    def test_reprocess_moves_every_count(self):
+        # Reports grouped by lists of version 1, which knew no kinds of death, regroup under
+        # the shipped ones: abort's count moves from "crash" to "abort | crash".
+        old = self.rules(1, lambda name, text: re.sub(r'(?m)^[^#\n].*=>.*$', '', text) if name == 'kinds.txt' else text)
+        service = self.service()
+        for dump in self.dumps.values():
+            service.add(dump)
+        service.drain('--rules', old, '--symbols', self.symbols, *self.libc_symbols)
+        before = collections.Counter('crash' if mode == 'abort' else CRASHES[mode][0] for mode in self.dumps)
+        self.assertEqual(service.counts(), {(s, DAY): n for s, n in before.items()})
+        command, env = service.processor('--reprocess', '--symbols', self.symbols, *self.libc_symbols)
+        run(*command, env=env).check_returncode()
+        after = collections.Counter(CRASHES[mode][0] for mode in self.dumps)
+        self.assertEqual(service.counts(), {(s, DAY): n for s, n in after.items()})
+        self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {2})
 
     def test_postgresql_workers_share(self):
         postgres = Postgres()
@@ -427,7 +450,7 @@ class Processing(unittest.TestCase):
             (['--db', 'sqlite:' + self.tmp + '/none.sqlite', '--store', service.store], 1, 'migrate.php creates it'),
             (['--db', 'mysql://x/y', '--show', 'x'], 1, 'not a database URL'),
             (['--db', service.url, '--show', '20261117-0000000000000099'], 1, 'no report'),
-            (['--db', service.url, '--store', service.store, '--drain', '--rules', self.tmp], 1, 'skip.txt'),
+            (['--db', service.url, '--store', service.store, '--drain', '--rules', self.tmp], 1, 'libraries.txt'),
         ]
         for args, code, message in rows:
             with self.subTest(args=args):
