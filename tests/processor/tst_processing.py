@@ -231,7 +231,7 @@ class Processing(unittest.TestCase):
         report = service.add(self.minicores['abort'], dump_name='crash-1-2.core')
         service.drain('--symbols', self.symbols, '--symbols', '/usr/lib/debug')
         result = service.show(report)
-        self.assertEqual((result['signature'], result['threads'][0]['from_process'] > 0), ('crash', True))
+        self.assertEqual((result['signature'], result['threads'][0]['from_process'] > 0), ('abort | crash', True))
 
     def test_debuginfod_hangs(self):
         # Every module's build ID unknown here, each asked of a debuginfod that never answers.
