@@ -104,6 +104,18 @@ void list_threads(int with_registers)
         capture.total = 1;
 }
 
+/* A thread that ended (the main thread after pthread_exit stays a zombie while the others
+   run) is no thread of the process any more. */
+static int ended(pid_t tid)
+{
+    char path[96], stat[256];
+    task_path(path, tid, "stat");
+    size_t n = read_file(path, stat, sizeof stat - 1);
+    stat[n] = '\0';
+    const char *state = strrchr(stat, ')');
+    return n == 0 || (state && (state[1] == '\0' || state[2] == 'Z' || state[2] == 'X'));
+}
+
 static long trace(int request, pid_t tid, void *address, void *data)
 {
     return syscall(SYS_ptrace, request, tid, address, data);
@@ -120,6 +132,8 @@ static void stop_threads(void)
         if (trace(PTRACE_SEIZE, capture.threads[i].tid, 0, 0) == 0
             && trace(PTRACE_INTERRUPT, capture.threads[i].tid, 0, 0) == 0)
             ++pending;
+        else if (ended(capture.threads[i].tid))
+            --capture.total;
     }
     long deadline = now_ms() + STOP_MS;
     while (pending > 0 && now_ms() < deadline) {

@@ -1,7 +1,12 @@
 #!/usr/bin/env bash
-# Prints each frame of a crash dump (format 1 or 2) with its function, file and line:
+# Prints each frame of a crash dump with its function, file and line:
 #
 #   scripts/symbolize.sh DUMP
+#
+# A minicore (format 3, crash-*.core) is an ELF core: eu-stack unwinds every thread in it from
+# the stacks it holds and the modules' call-frame information, finding the modules by the paths
+# in its NT_FILE note. After them come, for every format, the crashing thread's return addresses
+# as the handler found them in the process (the only frames formats 1 and 2 have).
 #
 # eu-addr2line (elfutils) reads the dump's memory map and takes the run-time addresses as they
 # are, so one recipe holds for PIE and non-PIE programs, shared libraries and any linker. It
@@ -10,12 +15,25 @@
 # recorded is named on stderr: its frames would name the wrong functions.
 set -euo pipefail
 dump=$1
-case $(head -n 1 -- "$dump") in
-"VELMORA-CRASH 1" | "VELMORA-CRASH 2") ;;
+maps=$(mktemp)
+note=$(mktemp)
+trap 'rm -f "$maps" "$note"' EXIT
+if [ "$(head -c 4 -- "$dump")" = $'\x7fELF' ]; then
+    # The note of our own is text from its magic to the NUL that pads it.
+    offset=$(grep -abo -m 1 'VELMORA-CRASH 3' -- "$dump" | cut -d: -f1 | head -n 1)
+    [ -n "$offset" ] || { echo "symbolize: $dump is no crash dump" >&2; exit 2; }
+    head -z -n 1 < <(tail -c +$((offset + 1)) -- "$dump") | tr -d '\0' >"$note"
+    # It answers 1 when a thread's walk ends early (a module without call-frame information).
+    eu-stack -i -s -n 0 --core="$dump" 2>&1 || true
+    echo "The crashing thread, as the handler found it:"
+else
+    cp -- "$dump" "$note"
+fi
+case $(head -n 1 -- "$note") in
+"VELMORA-CRASH 1" | "VELMORA-CRASH 2" | "VELMORA-CRASH 3") ;;
 *) echo "symbolize: $dump is no crash dump" >&2; exit 2 ;;
 esac
-maps=$(mktemp)
-trap 'rm -f "$maps"' EXIT
+dump=$note
 sed '1,/^maps:$/d' -- "$dump" >"$maps"
 
 while read -r _ _ id path; do
