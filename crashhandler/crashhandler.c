@@ -37,7 +37,6 @@ static char dump_folder_path[PATH_MAX];
 static char client_log_path[PATH_MAX];
 
 struct crash crash;
-uintptr_t page_size;
 static char head_buffer[2048];
 static char tail_buffer[512 * 1024];
 struct text note_head = { head_buffer, sizeof head_buffer, 0 };

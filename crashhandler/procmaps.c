@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+uintptr_t page_size = 4096;
 char maps_text[MAPS_MAX];
 size_t maps_length;
 struct module modules[MAX_MODULES];
