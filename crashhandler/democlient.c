@@ -42,6 +42,7 @@ static long idle_threads = 1;
 static long stack_used_kib;
 static long heap_mib;
 static const char *plugin_path;
+static int say_when;
 static pthread_mutex_t held = PTHREAD_MUTEX_INITIALIZER;
 static sem_t waiting;
 
@@ -129,6 +130,11 @@ static void *crashing_worker(void *kind)
 {
     for (long i = 0; i < idle_threads; ++i)
         while (sem_wait(&waiting) != 0) {}
+    if (say_when) {
+        struct timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        fprintf(stderr, "velmora-democlient: crashes at %lld.%09ld\n", (long long)now.tv_sec, now.tv_nsec);
+    }
     if (strcmp(kind, "thread-stack") == 0)
         zero = (int)recurse(0);
     else
@@ -136,7 +142,10 @@ static void *crashing_worker(void *kind)
     return NULL;
 }
 
-/* A heap in use, as a pointer-rich one looks: not all zeros, not all noise. */
+/* A heap in use, as a pointer-rich one looks: not all zeros, not all noise. The blocks are
+   chained from a global, or the compiler would drop them unread. */
+static void *volatile heap_blocks;
+
 static void fill_heap(long mib)
 {
     uint64_t state = 42;
@@ -144,10 +153,12 @@ static void fill_heap(long mib)
         uint64_t *block = malloc(1024 * 1024);
         if (!block)
             return;
-        for (size_t w = 0; w < 1024 * 1024 / sizeof *block; ++w) {
+        for (size_t w = 1; w < 1024 * 1024 / sizeof *block; ++w) {
             state = state * 6364136223846793005u + 1442695040888963407u;
             block[w] = 0x0000555500000000u | (state >> 40);
         }
+        block[0] = (uint64_t)(uintptr_t)heap_blocks;
+        heap_blocks = block;
     }
 }
 
@@ -292,7 +303,8 @@ static void usage(FILE *out)
 {
     fprintf(out, "Usage: velmora-democlient --crash=KIND --dump-folder DIR --log FILE [--sender PATH]\n"
                  "                          [--client-version TEXT] [--own-handler] [--plugin PATH]\n"
-                 "                          [--threads N] [--stack-used KIB] [--heap MIB]\n\n"
+                 "                          [--threads N] [--stack-used KIB] [--heap MIB] [--say-when]\n"
+                 "                          [--no-handler]\n\n"
                  "Installs the crash handler and crashes; the handler writes the dump into DIR and\n"
                  "starts the sender (default: error_report beside this program). KIND is one of\n"
                  "segv abort fpe stack nullcall wild trap thread race unwind holder thread-stack\n"
@@ -312,12 +324,14 @@ int main(int argc, char *argv[])
         { "threads", required_argument, NULL, 't' },
         { "stack-used", required_argument, NULL, 'k' },
         { "heap", required_argument, NULL, 'm' },
+        { "say-when", no_argument, NULL, 'w' },
+        { "no-handler", no_argument, NULL, 'n' },
         { "help", no_argument, NULL, 'h' },
         { NULL, 0, NULL, 0 },
     };
     const char *kind = NULL, *dump_folder = NULL, *log_path = NULL, *sender = NULL;
     const char *client_version = "3.0.0";
-    int own = 0;
+    int own = 0, no_handler = 0;
     int option;
     while ((option = getopt_long(argc, argv, "", options, NULL)) != -1) {
         switch (option) {
@@ -331,6 +345,8 @@ int main(int argc, char *argv[])
         case 't': idle_threads = atol(optarg); break;
         case 'k': stack_used_kib = atol(optarg); break;
         case 'm': heap_mib = atol(optarg); break;
+        case 'w': say_when = 1; break;
+        case 'n': no_handler = 1; break;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return EXIT_USAGE;
         }
@@ -372,9 +388,12 @@ int main(int argc, char *argv[])
         perror(log_path);
     }
 
-    /* Its crashes are on purpose and the handler's dump tells all; no core files. */
-    struct rlimit no_core = { 0, 0 };
-    setrlimit(RLIMIT_CORE, &no_core);
+    /* Its crashes are on purpose and the handler's dump tells all; no core files, unless the
+       crash is to be compared with one. */
+    struct rlimit core = { 0, 0 };
+    if (no_handler)
+        getrlimit(RLIMIT_CORE, &core);
+    setrlimit(RLIMIT_CORE, &core);
     fill_heap(heap_mib);
     racing = strcmp(kind, "race") == 0;
     if (racing) {
@@ -385,7 +404,7 @@ int main(int argc, char *argv[])
     if (own)
         install_own_handler();
 
-    int error = crashhandler_install(sender, client_version, dump_folder, log_path);
+    int error = no_handler ? 0 : crashhandler_install(sender, client_version, dump_folder, log_path);
     if (error != 0)
         fprintf(stderr, "velmora-democlient: crash handler not installed: %s\n", strerror(error));
 
