@@ -170,7 +170,7 @@ static void stop_threads(void)
     capture.count = kept;
 }
 
-_Noreturn static void helper(int go, int fd)
+_Noreturn static void helper(int go, int done, int fd)
 {
     /* Tracing may need the handler's PR_SET_PTRACER first. */
     struct pollfd ready = { go, POLLIN, 0 };
@@ -192,34 +192,44 @@ _Noreturn static void helper(int go, int fd)
     int result = write_minicore(fd);
     for (size_t i = 1; i < capture.count; ++i)
         trace(PTRACE_DETACH, capture.threads[i].tid, 0, (void *)(long)stop_signal[i]);
+    if (result == 0 && write(done, "k", 1) != 1)
+        result = -1;
     _exit(result == 0 ? 0 : 1);
 }
 
-/* Waits for the helper to end, at most until the deadline; kills it then. Returns whether it
-   ended having written the dump. */
+/* Waits for the helper's word that the dump is written, at most until the deadline; kills it
+   then. A word, not its exit status: a client that ignores SIGCHLD has its children reaped by
+   the kernel, and their status is lost. */
 static int helper_succeeded(pid_t pid, int done)
 {
     long deadline = now_ms() + HELPER_MS;
-    int status = 0;
-    pid_t ended = 0;
-    while (ended == 0) {
-        ended = waitpid(pid, &status, WNOHANG);
-        if (ended != 0 || now_ms() >= deadline)
+    char answer = 0;
+    int status;
+    for (;;) {
+        struct pollfd word = { done, POLLIN, 0 };
+        if (poll(&word, 1, 10) > 0) {
+            if (read(done, &answer, 1) != 1)
+                answer = 0;
             break;
-        /* The pipe's far end closes when the helper ends; a client's child that inherited it
-           meanwhile only makes this a poll. */
-        struct pollfd hangup = { done, 0, 0 };
-        poll(&hangup, 1, 10);
-    }
-    if (ended == 0) {
-        kill(pid, SIGKILL);
-        for (int i = 0; i < 100 && ended == 0; ++i) {
-            struct timespec nap = { 0, 10 * 1000 * 1000 };
-            nanosleep(&nap, NULL);
-            ended = waitpid(pid, &status, WNOHANG);
+        }
+        /* Ended without a word: the pipe's far end may live on in a child the client forked
+           meanwhile. */
+        pid_t ended = waitpid(pid, &status, WNOHANG);
+        if (ended == pid || (ended < 0 && errno == ECHILD)) {
+            if (poll(&word, 1, 0) <= 0 || read(done, &answer, 1) != 1)
+                answer = 0;
+            return answer == 'k';
+        }
+        if (now_ms() >= deadline) {
+            kill(pid, SIGKILL);
+            break;
         }
     }
-    return ended == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    for (int i = 0; i < 100 && waitpid(pid, &status, WNOHANG) == 0; ++i) {
+        struct timespec nap = { 0, 1000 * 1000 };
+        nanosleep(&nap, NULL);
+    }
+    return answer == 'k';
 }
 
 void capture_threads(int fd)
@@ -237,7 +247,7 @@ void capture_threads(int fd)
     if (pid == 0) {
         close(go[1]);
         close(done[0]);
-        helper(go[0], fd);
+        helper(go[0], done[1], fd);
     }
     if (go[0] >= 0)
         close(go[0]);
