@@ -24,7 +24,8 @@ if [ "$(head -c 4 -- "$dump")" = $'\x7fELF' ]; then
     [ -n "$offset" ] || { echo "symbolize: $dump is no crash dump" >&2; exit 2; }
     head -z -n 1 < <(tail -c +$((offset + 1)) -- "$dump") | tr -d '\0' >"$note"
     # It answers 1 when a thread's walk ends early (a module without call-frame information).
-    eu-stack -i -s -n 0 --core="$dump" 2>&1 || true
+    # A stack overflow built by clang can hold half a million frames: the innermost 4096 do.
+    eu-stack -i -s -n 4096 --core="$dump" 2>&1 || true
     echo "The crashing thread, as the handler found it:"
 else
     cp -- "$dump" "$note"
