@@ -12,6 +12,6 @@ apt-get install -y --no-install-recommends \
     dpkg-dev lintian \
     time hyperfine curl libxcb1-dev cloc \
     nginx-light php-fpm php-sqlite3 php-pgsql postgresql openssl wrk \
-    elfutils libdw-dev libdebuginfod-dev debuginfod libc6-dbg lld strace \
+    elfutils libdw-dev libdebuginfod-dev debuginfod libc6-dbg lld strace gdb \
     libqt5sql5-sqlite libqt5sql5-psql \
     chromium chromium-driver python3-selenium
