@@ -4,6 +4,7 @@
 #include "crashhandler.h"
 
 #include <assert.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <limits.h>
@@ -23,7 +24,8 @@ enum { EXIT_USAGE = 2, EXIT_NO_CRASH = 4 };
 
 static const char *const kinds[] = {
     "segv", "abort", "fpe", "stack", "nullcall", "wild", "trap", "thread", "race", "unwind",
-    "badcopy", "badlength", "assert-index", "assert-range", "jump", "badcall", "fortify", NULL,
+    "badcopy", "badlength", "assert-index", "assert-range", "jump", "badcall", "fortify",
+    "holder", "thread-stack", "assert", "plugin", "deep", NULL,
 };
 
 /* Volatile, so that the compiler can neither fold the faults nor prove the recursion endless. */
@@ -41,6 +43,16 @@ static volatile int record_index = 7;
 static sem_t second_crash;
 static int racing;
 static volatile pid_t second_thread_id;
+
+/* For the modes with threads: how many wait beside the one that crashes, how much stack each
+   has used before, and how much heap is in use. */
+static long idle_threads = 1;
+static long stack_used_kib;
+static long heap_mib;
+static const char *plugin_path;
+static int say_when;
+static pthread_mutex_t held = PTHREAD_MUTEX_INITIALIZER;
+static sem_t waiting;
 
 #if defined(__x86_64__)
 /* Writes to address 0 from code whose unwind information is damaged (a CFA expression with an
@@ -103,6 +115,123 @@ static void fill_header(const char *record)
     char header[16];
     __builtin___memcpy_chk(header, record, copy_size, sizeof header);
     zero = header[0];
+}
+
+/* Deeper than any in-process frame limit: its entry point is far from the fault. */
+__attribute__((noinline)) static unsigned long descend(unsigned long depth)
+{
+    volatile char frame[64];
+    frame[0] = (char)depth;
+    if (depth == 0)
+        *null_pointer = 1;
+    else
+        zero = (int)descend(depth - 1);
+    return (unsigned long)frame[0];
+}
+
+__attribute__((noinline)) static void deep_entry(void)
+{
+    zero = (int)descend(1000);
+}
+
+static void use_stack(long kib)
+{
+    if (kib <= 0)
+        return;
+    volatile char frame[1024];
+    memset((char *)frame, (int)kib, sizeof frame);
+    use_stack(kib - 1);
+    zero = frame[0];
+}
+
+/* Holds a lock and waits, as a thread that another one's crash would have been waiting for. */
+__attribute__((noinline)) static void holder_busy(void)
+{
+    pthread_mutex_lock(&held);
+    sem_post(&waiting);
+    for (;;)
+        pause();
+}
+
+static void *holder(void *unused)
+{
+    (void)unused;
+    use_stack(stack_used_kib);
+    holder_busy();
+    return NULL;
+}
+
+static void *idle(void *unused)
+{
+    (void)unused;
+    use_stack(stack_used_kib);
+    sem_post(&waiting);
+    for (;;)
+        pause();
+    return NULL;
+}
+
+static void *crashing_worker(void *kind)
+{
+    for (long i = 0; i < idle_threads; ++i)
+        while (sem_wait(&waiting) != 0) {}
+    if (say_when) {
+        struct timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        fprintf(stderr, "velmora-democlient: crashes at %lld.%09ld\n", (long long)now.tv_sec, now.tv_nsec);
+    }
+    if (strcmp(kind, "thread-stack") == 0)
+        zero = (int)recurse(0);
+    else
+        *null_pointer = 1;
+    return NULL;
+}
+
+/* A heap in use, as a pointer-rich one looks: not all zeros, not all noise. The blocks are
+   chained from a global, or the compiler would drop them unread. */
+static void *volatile heap_blocks;
+
+static void fill_heap(long mib)
+{
+    uint64_t state = 42;
+    for (long i = 0; i < mib; ++i) {
+        uint64_t *block = malloc(1024 * 1024);
+        if (!block)
+            return;
+        for (size_t w = 1; w < 1024 * 1024 / sizeof *block; ++w) {
+            state = state * 6364136223846793005u + 1442695040888963407u;
+            block[w] = 0x0000555500000000u | (state >> 40);
+        }
+        block[0] = (uint64_t)(uintptr_t)heap_blocks;
+        heap_blocks = block;
+    }
+}
+
+/* Starts the waiting threads and a worker that crashes once they wait; the main thread waits
+   for the worker. */
+static void crash_on_worker(const char *kind)
+{
+    pthread_t thread;
+    sem_init(&waiting, 0, 0);
+    if (strcmp(kind, "holder") != 0)
+        idle_threads = 0;
+    for (long i = 0; i < idle_threads; ++i)
+        pthread_create(&thread, NULL, i == 0 ? holder : idle, NULL);
+    pthread_create(&thread, NULL, crashing_worker, (void *)kind);
+    pthread_join(thread, NULL);
+}
+
+typedef void plugin_function(void);
+
+static void crash_in_plugin(void)
+{
+    void *plugin = dlopen(plugin_path, RTLD_NOW);
+    plugin_function *run = plugin ? (plugin_function *)dlsym(plugin, "plugin2_run") : NULL;
+    if (!run) {
+        fprintf(stderr, "velmora-democlient: %s\n", dlerror());
+        return;
+    }
+    run();
 }
 
 static void divide_by_zero(void)
@@ -187,6 +316,14 @@ static void crash(const char *kind)
 #if defined(__x86_64__)
         broken_unwind();
 #endif
+    } else if (strcmp(kind, "holder") == 0 || strcmp(kind, "thread-stack") == 0) {
+        crash_on_worker(kind);
+    } else if (strcmp(kind, "assert") == 0) {
+        assert(null_pointer && "the renderer's device is still there");
+    } else if (strcmp(kind, "plugin") == 0) {
+        crash_in_plugin();
+    } else if (strcmp(kind, "deep") == 0) {
+        deep_entry();
     }
 }
 
@@ -259,11 +396,14 @@ static void log_line(FILE *log, const char *text, const char *detail)
 static void usage(FILE *out)
 {
     fprintf(out, "Usage: velmora-democlient --crash=KIND --dump-folder DIR --log FILE [--sender PATH]\n"
-                 "                          [--client-version TEXT] [--own-handler]\n\n"
+                 "                          [--client-version TEXT] [--own-handler] [--plugin PATH]\n"
+                 "                          [--threads N] [--stack-used KIB] [--heap MIB] [--say-when]\n"
+                 "                          [--no-handler]\n\n"
                  "Installs the crash handler and crashes; the handler writes the dump into DIR and\n"
                  "starts the sender (default: error_report beside this program). KIND is one of\n"
                  "segv abort fpe stack nullcall wild trap thread race unwind badcopy badlength\n"
-                 "assert-index assert-range jump badcall fortify.\n");
+                 "assert-index assert-range jump badcall fortify holder thread-stack assert plugin\n"
+                 "deep.\n");
 }
 
 int main(int argc, char *argv[])
@@ -275,12 +415,18 @@ int main(int argc, char *argv[])
         { "sender", required_argument, NULL, 's' },
         { "client-version", required_argument, NULL, 'v' },
         { "own-handler", no_argument, NULL, 'o' },
+        { "plugin", required_argument, NULL, 'p' },
+        { "threads", required_argument, NULL, 't' },
+        { "stack-used", required_argument, NULL, 'k' },
+        { "heap", required_argument, NULL, 'm' },
+        { "say-when", no_argument, NULL, 'w' },
+        { "no-handler", no_argument, NULL, 'n' },
         { "help", no_argument, NULL, 'h' },
         { NULL, 0, NULL, 0 },
     };
     const char *kind = NULL, *dump_folder = NULL, *log_path = NULL, *sender = NULL;
     const char *client_version = "3.0.0";
-    int own = 0;
+    int own = 0, no_handler = 0;
     int option;
     while ((option = getopt_long(argc, argv, "", options, NULL)) != -1) {
         switch (option) {
@@ -290,6 +436,12 @@ int main(int argc, char *argv[])
         case 's': sender = optarg; break;
         case 'v': client_version = optarg; break;
         case 'o': own = 1; break;
+        case 'p': plugin_path = optarg; break;
+        case 't': idle_threads = atol(optarg); break;
+        case 'k': stack_used_kib = atol(optarg); break;
+        case 'm': heap_mib = atol(optarg); break;
+        case 'w': say_when = 1; break;
+        case 'n': no_handler = 1; break;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return EXIT_USAGE;
         }
@@ -305,14 +457,19 @@ int main(int argc, char *argv[])
         return EXIT_USAGE;
     }
 
-    char default_sender[PATH_MAX];
+    char default_sender[PATH_MAX], default_plugin[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", default_sender, sizeof default_sender - sizeof "libvelmora-demoplugin.so");
+    char *slash = n > 0 ? memrchr(default_sender, '/', (size_t)n) : NULL;
+    if (!slash && (!sender || !plugin_path)) {
+        fprintf(stderr, "velmora-democlient: cannot find its own folder; give --sender and --plugin\n");
+        return EXIT_USAGE;
+    }
+    if (!plugin_path) {
+        memcpy(default_plugin, default_sender, (size_t)(slash + 1 - default_sender));
+        strcpy(default_plugin + (slash + 1 - default_sender), "libvelmora-demoplugin.so");
+        plugin_path = default_plugin;
+    }
     if (!sender) {
-        ssize_t n = readlink("/proc/self/exe", default_sender, sizeof default_sender - sizeof "error_report");
-        char *slash = n > 0 ? memrchr(default_sender, '/', (size_t)n) : NULL;
-        if (!slash) {
-            fprintf(stderr, "velmora-democlient: cannot find its own folder; give --sender\n");
-            return EXIT_USAGE;
-        }
         strcpy(slash + 1, "error_report");
         sender = default_sender;
     }
@@ -326,9 +483,13 @@ int main(int argc, char *argv[])
         perror(log_path);
     }
 
-    /* Its crashes are on purpose and the handler's dump tells all; no core files. */
-    struct rlimit no_core = { 0, 0 };
-    setrlimit(RLIMIT_CORE, &no_core);
+    /* Its crashes are on purpose and the handler's dump tells all; no core files, unless the
+       crash is to be compared with one. */
+    struct rlimit core = { 0, 0 };
+    if (no_handler)
+        getrlimit(RLIMIT_CORE, &core);
+    setrlimit(RLIMIT_CORE, &core);
+    fill_heap(heap_mib);
     racing = strcmp(kind, "race") == 0;
     if (racing) {
         pthread_t thread;
@@ -338,7 +499,7 @@ int main(int argc, char *argv[])
     if (own)
         install_own_handler();
 
-    int error = crashhandler_install(sender, client_version, dump_folder, log_path);
+    int error = no_handler ? 0 : crashhandler_install(sender, client_version, dump_folder, log_path);
     if (error != 0)
         fprintf(stderr, "velmora-democlient: crash handler not installed: %s\n", strerror(error));
 

@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# Prints each frame of a crash dump (format 1 or 2) with its function, file and line:
+# Prints each frame of a crash dump with its function, file and line:
 #
 #   scripts/symbolize.sh DUMP|ARCHIVE
 #
 # A report archive's dump is the entry that the service takes for it (scripts/crash-dump.php).
+# A minicore (format 3, crash-*.core) is an ELF core: eu-stack unwinds every thread in it from
+# the stacks it holds and the modules' call-frame information, finding the modules by the paths
+# in its NT_FILE note. After them come, for every format, the crashing thread's return addresses
+# as the handler found them in the process (the only frames formats 1 and 2 have).
+#
 # eu-addr2line (elfutils) reads the dump's memory map and takes the run-time addresses as they
 # are, so one recipe holds for PIE and non-PIE programs, shared libraries and any linker. It
 # needs the very builds that crashed at the paths the map names, or their debug files from
@@ -14,12 +19,26 @@ set -euo pipefail
 export LC_ALL=C
 dump=$(mktemp)
 maps=$(mktemp)
-trap 'rm -f "$dump" "$maps"' EXIT
+note=$(mktemp)
+trap 'rm -f "$dump" "$maps" "$note"' EXIT
 php "$(dirname "$0")/crash-dump.php" "$1" >"$dump" 2>/dev/null || { echo "symbolize: $1 is no crash dump and holds none" >&2; exit 2; }
-case $(head -n 1 -- "$dump" | tr -d '\0') in
-"VELMORA-CRASH 1" | "VELMORA-CRASH 2") ;;
-*) echo "symbolize: the dump in $1 is of a format that only velmora-processor reads" >&2; exit 2 ;;
+if [ "$(head -c 4 -- "$dump")" = $'\x7fELF' ]; then
+    # The note of our own is text from its magic to the NUL that pads it.
+    offset=$(grep -abo -m 1 'VELMORA-CRASH 3' -- "$dump" | cut -d: -f1 | head -n 1)
+    [ -n "$offset" ] || { echo "symbolize: $1 is no crash dump" >&2; exit 2; }
+    head -z -n 1 < <(tail -c +$((offset + 1)) -- "$dump") | tr -d '\0' >"$note"
+    # It answers 1 when a thread's walk ends early (a module without call-frame information).
+    # A stack overflow built by clang can hold half a million frames: the innermost 4096 do.
+    eu-stack -i -s -n 4096 --core="$dump" 2>&1 || true
+    echo "The crashing thread, as the handler found it:"
+else
+    cp -- "$dump" "$note"
+fi
+case $(head -n 1 -- "$note") in
+"VELMORA-CRASH 1" | "VELMORA-CRASH 2" | "VELMORA-CRASH 3") ;;
+*) echo "symbolize: $1 is no crash dump" >&2; exit 2 ;;
 esac
+dump=$note
 sed '1,/^maps:$/d' -- "$dump" >"$maps"
 
 while read -r _ _ id path; do

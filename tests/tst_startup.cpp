@@ -132,7 +132,7 @@ void tst_Startup::run()
 }
 
 // What a client may have set up before it crashes; prepared between fork and exec.
-enum Setting { Traced = 1, Hostile = 2, NamesTaken = 4, NoTrapAction = 8 };
+enum Setting { Traced = 1, Hostile = 2, NamesTaken = 4, NoTrapAction = 8, TracedAll = 16 };
 // With NamesTaken, the dump names of the next seconds hold a planted file each.
 static const int namesTaken = 10;
 
@@ -164,6 +164,7 @@ protected:
         if (setting & Hostile) {
             signal(SIGPIPE, SIG_IGN);
             signal(SIGHUP, SIG_IGN);
+            signal(SIGCHLD, SIG_IGN);
             ::open(leaked.constData(), O_WRONLY | O_CREAT, 0600);
             deny(SYS_close_range, 3, ENOSYS);
         }
@@ -171,7 +172,7 @@ protected:
             deny(SYS_rt_sigaction, SIGTRAP, EPERM);
         for (time_t t = time(nullptr), end = t + namesTaken; setting & NamesTaken && t < end; ++t) {
             char name[PATH_MAX];
-            snprintf(name, sizeof name, "%s/crash-%d-%lld.dmp", folder.constData(), getpid(), (long long)t);
+            snprintf(name, sizeof name, "%s/crash-%d-%lld.core", folder.constData(), getpid(), (long long)t);
             const int fd = ::open(name, O_WRONLY | O_CREAT, 0600);
             if (::write(fd, "planted\n", 8) == 8)
                 ::close(fd);
@@ -181,12 +182,12 @@ protected:
 
 void tst_Startup::crash_data()
 {
-    QTest::addColumn<QString>("build");         // empty: the demo client as CMake builds it
+    QTest::addColumn<QString>("build");         // empty: the demo client as CMake builds it; qt: the Qt one
     QTest::addColumn<QStringList>("args");      // the crash's kind, then more options
     QTest::addColumn<int>("setting");
     QTest::addColumn<int>("signal");            // it dies by it, and its dump names it
-    QTest::addColumn<QString>("function");      // among the symbolized frames; empty: no dump, no sender
-    QTest::addColumn<QString>("line");          // in the dump
+    QTest::addColumn<QString>("functions");     // among the dump's frames, all of them; empty: no dump, no sender
+    QTest::addColumn<QString>("line");          // in the dump's own note
     QTest::addColumn<QString>("said");          // on the client's stderr
 
     const QString nullAddress = "address: 0x0000000000000000";
@@ -205,10 +206,28 @@ void tst_Startup::crash_data()
     QTest::newRow("own handler, second thread") << "" << QStringList{"race", "--own-handler"} << 0 << SIGSEGV << "crash"
                                                 << nullAddress << "its own handler got the crash";
     QTest::newRow("dump names taken") << "" << QStringList{"segv"} << int(NamesTaken) << SIGSEGV << "crash" << "" << "";
+    // Ignoring SIGCHLD makes the kernel reap the helper: its exit status is lost.
     QTest::newRow("ignored signals, descriptor, no close_range") << "" << QStringList{"segv"} << int(Hostile) << SIGSEGV
-                                                                 << "crash" << "" << "";
+                                                                 << "crash" << "capture: ptrace" << "";
     QTest::newRow("non-PIE") << "nopie" << QStringList{"segv"} << 0 << SIGSEGV << "crash" << nullAddress << "";
     QTest::newRow("clang and lld") << "lld" << QStringList{"segv"} << 0 << SIGSEGV << "crash" << nullAddress << "";
+    // Every thread with its stack: the one that waits, inside the function it waits in.
+    QTest::newRow("worker crashes, another waits") << "" << QStringList{"holder"} << 0 << SIGSEGV << "crashing_worker holder_busy"
+                                                   << "capture: ptrace" << "";
+    // A tracer already holds every thread: the crashing one still comes from the handler.
+    QTest::newRow("under strace -f: the crashing thread alone") << "" << QStringList{"holder"} << int(TracedAll) << SIGSEGV
+                                                                << "crashing_worker" << "capture: self" << "";
+    QTest::newRow("stack overflow on a worker") << "" << QStringList{"thread-stack"} << 0 << SIGSEGV << "recurse" << "" << "";
+    QTest::newRow("stack overflow on a QThread") << "qt" << QStringList{"qthread-stack"} << 0 << SIGSEGV << "recurse" << "" << "";
+    QTest::newRow("deep recursion keeps its entry") << "" << QStringList{"deep"} << 0 << SIGSEGV << "descend deep_entry" << nullAddress << "";
+    QTest::newRow("lld plugin under a page") << "" << QStringList{"plugin"} << 0 << SIGSEGV << "late_stage plugin2_run" << nullAddress << "";
+    QTest::newRow("failed assert") << "" << QStringList{"assert"} << 0 << SIGABRT << "crash"
+                                   << "message: velmora-democlient: .*democlient\\.c:\\d+: .*crash.*: Assertion `null_pointer .*' failed\\.\\\\n" << "";
+    QTest::newRow("uncaught exception") << "qt" << QStringList{"exception"} << 0 << SIGABRT << "main"
+                                        << "exception: N7velmora10DeviceLostE" << "";
+    QTest::newRow("throw from noexcept") << "qt" << QStringList{"noexcept"} << 0 << SIGABRT << "present" << "exception: St11logic_error" << "";
+    QTest::newRow("qFatal handed over") << "qt" << QStringList{"qfatal"} << 0 << SIGABRT << "main"
+                                        << "message: renderer: device lost after 7 frames" << "";
 
     // The install refuses, and the client crashes without a report.
     QTest::newRow("failed install keeps the client's handler and stack") << "" << QStringList{"stack", "--own-handler"}
@@ -224,13 +243,30 @@ void tst_Startup::crash_data()
                                << "Permission denied";
 }
 
+// The dump's own note: its text runs from the magic to the NUL that pads the note.
+static QString ownNote(const QByteArray &core)
+{
+    const int start = core.indexOf("VELMORA-CRASH 3\n");
+    return start < 0 ? QString() : QString::fromUtf8(core.mid(start, core.indexOf('\0', start) - start));
+}
+
+static QString output(const QString &program, const QStringList &args)
+{
+    QProcess process;
+    process.start(program, args);
+    if (!process.waitForFinished(scaled(30000)))
+        return QString();
+    const QByteArray errors = process.readAllStandardError();
+    return QString::fromUtf8(process.readAllStandardOutput() + errors);
+}
+
 void tst_Startup::crash()
 {
     QFETCH(QString, build);
     QFETCH(QStringList, args);
     QFETCH(int, setting);
     QFETCH(int, signal);
-    QFETCH(QString, function);
+    QFETCH(QString, functions);
     QFETCH(QString, line);
     QFETCH(QString, said);
     const QString signalName = QStringLiteral("SIG") + QString::fromLatin1(sigabbrev_np(signal));
@@ -238,16 +274,19 @@ void tst_Startup::crash()
     QTemporaryDir tmp;
     const QString folder = tmp.filePath("dumps");
     QVERIFY(QDir().mkdir(folder));
-    // A folder whose path fits, but no dump name after it.
-    const QString deep = tmp.path() + QString("/%1").arg(QString(200, 'd')).repeated(20).left(4050 - tmp.path().size());
+    // A folder of 4036 bytes: with a slash and the longest dump name, crash-<10>-<20>-<16 hex>.core,
+    // one byte too long for PATH_MAX and its NUL.
+    const QString deep = tmp.path() + QString("/%1").arg(QString(200, 'd')).repeated(20).left(4036 - tmp.path().size());
     QVERIFY(!args.contains("DEEP") || QDir().mkpath(deep));
     const QString log = tmp.filePath("client.log");
-    const QString exe = build.isEmpty() ? DEMOCLIENT_EXE : DEMOCLIENT_BUILT_AS + build;
+    const QString exe = build.isEmpty() ? DEMOCLIENT_EXE : build == "qt" ? DEMOCLIENT_QT_EXE : DEMOCLIENT_BUILT_AS + build;
     QStringList command = QStringList{exe, "--crash=" + args.takeFirst(), "--dump-folder", folder, "--log", log, "--sender", STUB_SENDER}
                         + args.replaceInStrings("DEEP", deep);
     const QString trace = tmp.filePath("trace");
     if (setting & Traced)
         command = QStringList{"strace", "-o", trace, "-e", "trace=none", "--"} + command;
+    if (setting & TracedAll)
+        command = QStringList{"strace", "-f", "-o", "/dev/null", "--"} + command;
     Client client;
     client.setting = setting;
     client.folder = folder.toLocal8Bit();
@@ -266,57 +305,79 @@ void tst_Startup::crash()
 
     const auto read = [](const QString &path) {
         QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     };
     QStringList dumps;
     int planted = 0;
-    for (const QString &name : QDir(folder).entryList({"*.dmp"}, QDir::Files)) {
-        const QString text = read(QDir(folder).filePath(name));
-        // Taken names stay as they were: the dump takes a name of its own.
-        QVERIFY2(text.startsWith("VELMORA-CRASH 2\n") || text == "planted\n", qPrintable(name));
-        if (text != "planted\n")
+    for (const QString &name : QDir(folder).entryList({"crash-*"}, QDir::Files)) {
+        const QByteArray bytes = read(QDir(folder).filePath(name));
+        // Taken names stay as they were; a dump is an ELF core (ELF64, little endian, ET_CORE).
+        QVERIFY2((bytes.startsWith("\x7f" "ELF\x02\x01") && bytes.mid(16, 2) == QByteArray("\x04\x00", 2)) || bytes == "planted\n",
+                 qPrintable(name));
+        if (bytes != "planted\n")
             dumps << name;
         else
             ++planted;
     }
     QCOMPARE(planted, setting & NamesTaken ? namesTaken : 0);
-    if (function.isEmpty()) {
+    if (functions.isEmpty()) {
         QCOMPARE(dumps, QStringList());
         QCOMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files), QStringList());
         return;
     }
     QCOMPARE(dumps.size(), 1);
     const QString dumpPath = QDir(folder).filePath(dumps[0]);
-    const QString dump = read(dumpPath);
-    const QString pid = QRegularExpression("\npid: (\\d+)\n").match(dump).captured(1);
-    QVERIFY2(QRegularExpression(QString("^crash-%1-\\d+(-[0-9a-f]{16})?\\.dmp$").arg(pid)).match(dumps[0]).hasMatch(),
+    const QByteArray core = read(dumpPath);
+    QVERIFY2(core.size() < 12 * 1024 * 1024, qPrintable(QString::number(core.size())));
+    const QString note = ownNote(core);
+    const QString pid = QRegularExpression("\npid: (\\d+)\n").match(note).captured(1);
+    QVERIFY2(QRegularExpression(QString("^crash-%1-\\d+(-[0-9a-f]{16})?\\.core$").arg(pid)).match(dumps[0]).hasMatch(),
              qPrintable(dumps[0]));
-    QVERIFY(dump.contains(QString("\nsignal: %1 %2\n").arg(signal).arg(signalName)));
-    QVERIFY2(line.isEmpty() || dump.contains("\n" + line + "\n"), qPrintable(line));
+    QVERIFY(note.contains(QString("\nsignal: %1 %2\n").arg(signal).arg(signalName)));
+    QVERIFY2(line.isEmpty() || note.contains(QRegularExpression("^" + line + "$", QRegularExpression::MultilineOption)),
+             qPrintable(line + "\n" + note.left(note.indexOf("\nframe "))));
     // Build IDs of the client and of libc; the symbolizing script checks them against the files.
-    const auto modules = QRegularExpression("^module: 0x[0-9a-f]{16} [0-9a-f]+ (/.*/velmora-democlient.*|/.*/libc\\.so\\.6)$",
-                                            QRegularExpression::MultilineOption).globalMatch(dump);
-    QStringList named;
-    for (auto match = modules; match.hasNext();)
-        named << match.next().captured(1);
+    const auto modules = QRegularExpression("^module: 0x([0-9a-f]{16}) ([0-9a-f]+|none) (.*)$", QRegularExpression::MultilineOption).globalMatch(note);
+    QStringList named, paths;
+    for (auto match = modules; match.hasNext();) {
+        const auto module = match.next();
+        paths << module.captured(3);
+        if (module.captured(2) != "none" && QRegularExpression("^/.*/(velmora-democlient.*|libc\\.so\\.6)$").match(module.captured(3)).hasMatch())
+            named << module.captured(3);
+        // One module per mapped file, where its lowest mapping is.
+        const auto lowest = QRegularExpression("^([0-9a-f]+)-[0-9a-f]+ .* " + QRegularExpression::escape(module.captured(3)) + "$",
+                                               QRegularExpression::MultilineOption).match(note.mid(note.indexOf("\nmaps:\n")));
+        QCOMPARE(lowest.captured(1).rightJustified(16, '0'), module.captured(1));
+    }
     QCOMPARE(named.size(), 2);
+    QCOMPARE(paths.removeDuplicates(), 0);
 
-    QProcess symbolize;
-    symbolize.start(SYMBOLIZE, {dumpPath});
-    QVERIFY(symbolize.waitForFinished(scaled(30000)));
-    QCOMPARE(symbolize.readAllStandardError(), QByteArray());
-    const QString frames = symbolize.readAllStandardOutput();
-    QVERIFY2(frames.contains(QRegularExpression("\\b" + function + " at ")), qPrintable(frames));
+    // The core notes a debugger reads: a status per captured thread, the crashing one first.
+    const QStringList threads = note.split('\n').filter(QRegularExpression("^thread: \\d+ "));
+    const QString notes = output("eu-readelf", {"-n", dumpPath});
+    QCOMPARE(notes.count(QRegularExpression("^  CORE +\\d+  PRSTATUS$", QRegularExpression::MultilineOption)), threads.size());
+    QVERIFY2(notes.contains(QString("info.si_signo: %1, info.si_code: ").arg(signal)) && notes.contains(QString("cursig: %1\n").arg(signal))
+             && notes.contains(QString("si_signo: %1, si_errno: 0").arg(signal)) && notes.contains(QRegularExpression("  CORE +\\d+  FILE\n"))
+             && notes.contains(QRegularExpression("  CORE +\\d+  AUXV\n")), qPrintable(notes.left(2000)));
+    const int total = QRegularExpression("\nthreads: (\\d+)\n").match(note).captured(1).toInt();
+    QVERIFY(note.contains("\ncapture: self\n") ? threads.size() == 1 : threads.size() == total);
+
+    // eu-stack unwinds every captured thread; the named functions are among the frames.
+    const QString frames = output(SYMBOLIZE, {dumpPath});
+    QCOMPARE(frames.count(QRegularExpression("^TID \\d+:$", QRegularExpression::MultilineOption)), threads.size());
+    for (const QString &function : functions.split(' '))
+        QVERIFY2(frames.contains(QRegularExpression("\\b" + function + "\\b")), qPrintable(function + "\n" + frames.left(4000)));
+    QVERIFY2(!frames.contains("symbolize: "), qPrintable(frames.left(4000)));
 
     if (setting & Traced) {
         // The last delivery, the one the process dies of, still carries the fault's siginfo.
-        const QStringList deliveries = read(trace).split('\n').filter(QRegularExpression("^--- SIG"));
+        const QStringList deliveries = QString::fromUtf8(read(trace)).split('\n').filter(QRegularExpression("^--- SIG"));
         QVERIFY2(deliveries.size() >= 2 && deliveries.last() == deliveries.first(), qPrintable(deliveries.join('\n')));
     }
 
     TRY_COMPARE(QDir(folder).entryList({"sender-*.txt"}, QDir::Files).size(), 1);
     const QString record = QDir(folder).entryList({"sender-*.txt"}, QDir::Files).at(0);
-    QStringList got = read(QDir(folder).filePath(record)).split('\n', Qt::SkipEmptyParts);
+    QStringList got = QString::fromUtf8(read(QDir(folder).filePath(record))).split('\n', Qt::SkipEmptyParts);
     const QStringList ids = got.takeLast().split(' ');
     QCOMPARE(got.takeLast(), QStringLiteral("SigIgn:\t0000000000000000"));
     QCOMPARE(got.mid(0, 8), QStringList({"3.0.0", QFileInfo(folder).canonicalFilePath(), log, dumps[0], signalName,
