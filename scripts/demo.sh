@@ -36,7 +36,7 @@ mkdir "$crash"
 pids=()
 # Found by its exact command line, which holds the fresh dump folder, so nothing else matches.
 find_sender() {
-    sender=$(pgrep -x -f "$bin 3\.0\.0 $crash $crash/client\.log crash-[0-9]+-[0-9]+\.dmp SIGSEGV")
+    sender=$(pgrep -x -f "$bin 3\.0\.0 $crash $crash/client\.log crash-[0-9]+-[0-9]+(-[0-9a-f]{16})?\.core SIGSEGV")
 }
 # The sender is no child of ours (the crashed client started it in a session of its own), so
 # its end is polled for rather than waited on.
@@ -105,8 +105,9 @@ crash_client() {
     ("$client" --crash=segv --dump-folder "$crash" --log "$crash/client.log" --sender "$bin" \
         >"$work/sender.log" 2>&1 || exit $?) 2>/dev/null || status=$?
     [ "$status" -eq $((128 + 11)) ] || fail "the demo client ended with status $status, not by SIGSEGV"
-    dump=$(compgen -G "$crash/crash-*.dmp") || fail "the crash handler wrote no dump"
-    echo "The demo client crashed: $(grep -m1 '^signal:' "$dump"), dump $dump"
+    dump=$(compgen -G "$crash/crash-*.core") || fail "the crash handler wrote no dump"
+    # The minicore's note of our own is text inside the ELF core.
+    echo "The demo client crashed: $(grep -a -m1 '^signal:' "$dump"), dump $dump"
     scripts/symbolize.sh "$dump" | sed -n '1,3p'
 }
 
@@ -161,9 +162,9 @@ answer=$(grep -o "Report $report received ([0-9]* bytes)\." "$service/log/php.lo
 echo "The window's answer: $answer"
 echo "Report stored in $stored"
 # The dump arrived whole: the stored archive's copy names the signal the client died of.
-php scripts/crash-dump.php "$stored" >"$work/stored.dmp" || fail "the stored archive holds no crash dump"
-grep -q '^signal: 11 SIGSEGV' "$work/stored.dmp" || fail "the stored dump names no SIGSEGV"
-echo "The stored dump: $(grep -m1 '^signal:' "$work/stored.dmp")"
+php scripts/crash-dump.php "$stored" >"$work/stored.core" || fail "the stored archive holds no crash dump"
+grep -aq '^signal: 11 SIGSEGV' "$work/stored.core" || fail "the stored dump names no SIGSEGV"
+echo "The stored dump: $(grep -a -m1 '^signal:' "$work/stored.core")"
 
 wait_for "the processor" "$service_pid" processed
 # The processed report: its signature and its innermost frames, as the pages show them.

@@ -167,7 +167,7 @@ def real_crash(service, work):
     debug file filed by its build ID, libc's from Debian's libc6-dbg. Returns the report's id."""
     subprocess.run([os.path.join(BIN, 'velmora-democlient'), '--crash=segv', '--dump-folder', work, '--log',
                     os.path.join(work, 'client.log'), '--sender', '/bin/true'], timeout=HANG_SECONDS)
-    with open(next(os.path.join(work, f) for f in os.listdir(work) if f.endswith('.dmp')), 'rb') as dump:
+    with open(next(os.path.join(work, f) for f in os.listdir(work) if f.startswith('crash-')), 'rb') as dump:
         upload = archive('[General]\ndescription=The real crash\nversion=3.0.0\n', dump.read())
     answer = exchange(service.port, upload_request(upload))[2]
     symbols = os.path.join(work, 'symbols')
