@@ -6,26 +6,15 @@ declare(strict_types=1);
 require __DIR__ . '/../lib/html.php';
 require_once __DIR__ . '/../lib/archive.php';
 
-const MINICORE_MAX_BYTES = 16 * 1024 * 1024;
-
 servePage(function () {
-    $id = $_SERVER['REPORT_ID'] ?? '';
-    if (!isReportId($id))
-        throw new PageError(404, 'There is no such report.');
-    $query = pagesDatabase()->prepare('SELECT archive_removed_at FROM reports WHERE id = ?');
-    $query->execute([$id]);
-    $removed = $query->fetchColumn();
-    if ($removed === false)
-        throw new PageError(404, "There is no report $id.");
-    if ($removed !== null)
-        throw new PageError(410, "The archive of report $id was removed from the store on " . utc((int) $removed) . '.');
+    [$id, $path] = keptArchive();
     $zip = new ZipArchive();
-    if ($zip->open((new FileStore(serviceConfig()['store']))->path($id), ZipArchive::RDONLY) !== true)
-        throw new PageError(404, "The archive of report $id is missing from the store.");
+    if ($zip->open($path, ZipArchive::RDONLY) !== true)
+        throw new PageError(404, "The archive of report $id cannot be read.");
     try {
         $i = dumpEntry($zip);
         $stat = $i === null ? false : $zip->statIndex($i);
-        $stream = $stat === false || $stat['size'] > MINICORE_MAX_BYTES ? false : $zip->getStreamIndex($i);
+        $stream = $stat === false || $stat['size'] > DUMP_MAX_BYTES ? false : $zip->getStreamIndex($i);
         // A text dump (formats 1 and 2) is in the archive's download; this is the minicore alone.
         if ($stream !== false && str_starts_with($start = (string) fread($stream, DUMP_HEAD_BYTES), "\x7fELF")) {
             header('Content-Type: application/octet-stream');

@@ -63,6 +63,27 @@ function pagesDatabase(): PDO
     return $db;
 }
 
+// The archive of the report that nginx named (REPORT_ID), as long as the store keeps it: its id
+// and path. Pages that serve it answer 404 or 410 otherwise.
+function keptArchive(): array
+{
+    $id = $_SERVER['REPORT_ID'] ?? '';
+    if (!isReportId($id))
+        throw new PageError(404, 'There is no such report.');
+    $query = pagesDatabase()->prepare('SELECT archive_removed_at FROM reports WHERE id = ?');
+    $query->execute([$id]);
+    $removed = $query->fetchColumn();
+    if ($removed === false)
+        throw new PageError(404, "There is no report $id.");
+    if ($removed !== null)
+        throw new PageError(410, "The archive of report $id was removed from the store on " . utc((int) $removed)
+                            . ', as it was older than the service keeps archives.');
+    $path = (new FileStore(serviceConfig()['store']))->path($id);
+    if (!is_file($path))
+        throw new PageError(404, "The archive of report $id is missing from the store.");
+    return [$id, $path];
+}
+
 function utc(int $time): string
 {
     return gmdate('Y-m-d H:i:s', $time) . ' UTC';
