@@ -36,10 +36,15 @@ protected:
     void run() override { recurse(0); }
 };
 
-__attribute__((noinline)) static void fail() { throw std::logic_error("the frame is gone"); }
+// In the anonymous namespace, which clang names in the frames and gcc leaves out.
+namespace {
+
+__attribute__((noinline)) void fail() { throw std::logic_error("the frame is gone"); }
 
 // A throw that reaches a noexcept function ends in std::terminate there.
-__attribute__((noinline)) static void present() noexcept { fail(); }
+__attribute__((noinline)) void present() noexcept { fail(); }
+
+}
 
 // A terminate handler that expects the exception it was called for: a rethrow outside any
 // catch calls std::terminate without one, and its assertion fails on the way to abort().
