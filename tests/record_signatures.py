@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Records the signature table (tests/data/signatures.txt) from real crashes: the demo client,
-built with gcc (with and without PIE) and with clang/lld, crashes in each mode below, on two
-CPU levels that glibc's tunables mask down to, and velmora-processor symbolizes every dump
-once with the C library's debug file and once with only its executable. The frames it gives
+"""Records the signature table (tests/data/signatures.txt) from real crashes: the demo clients,
+the C one built with gcc (with and without PIE) and with clang/lld, the Qt one with gcc and
+with clang/lld, crash in each mode below, on two CPU levels that glibc's tunables mask down
+to, and velmora-processor unwinds every minicore the crash handler wrote, once with the C
+library's debug file and once with only its executable. The frames it gives
 (function and module, no addresses) are written as rows, each with the signature that its
 case must give. Run it again after a change to the processor or to the demo client:
 
@@ -92,10 +93,6 @@ def crash(client, mode, cpu, folder):
     dumps = glob.glob(folder + '/crash-*.core')
     if len(dumps) != 1:
         sys.exit('%s --crash=%s left %d minicores' % (client, mode, len(dumps)))
-    # The processor unwinds a minicore itself: an ELF core file, e_type ET_CORE (4).
-    with open(dumps[0], 'rb') as f:
-        if f.read(18)[16:] != b'\x04\x00':
-            sys.exit('%s is no ELF core file' % dumps[0])
     return dumps[0]
 
 
