@@ -5,8 +5,10 @@
 #include <QCoreApplication>
 #include <QThread>
 
+#include <cassert>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <stdexcept>
 #include <sys/resource.h>
 
@@ -34,10 +36,26 @@ protected:
     void run() override { recurse(0); }
 };
 
-__attribute__((noinline)) static void fail() { throw std::logic_error("the frame is gone"); }
+// In the anonymous namespace, which clang names in the frames and gcc leaves out.
+namespace {
+
+__attribute__((noinline)) void fail() { throw std::logic_error("the frame is gone"); }
 
 // A throw that reaches a noexcept function ends in std::terminate there.
-__attribute__((noinline)) static void present() noexcept { fail(); }
+__attribute__((noinline)) void present() noexcept { fail(); }
+
+}
+
+// A terminate handler that expects the exception it was called for: a rethrow outside any
+// catch calls std::terminate without one, and its assertion fails on the way to abort().
+static void sayUncaught()
+{
+    assert(std::current_exception());
+    fprintf(stderr, "velmora-democlient-qt: an exception nobody caught\n");
+    abort();
+}
+
+__attribute__((noinline)) static void rethrowOutside() { throw; }
 
 static void handOver(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
@@ -65,8 +83,8 @@ int main(int argc, char *argv[])
     }
     if (sender.isEmpty())
         sender = app.applicationDirPath() + "/error_report";
-    if (!QStringList{"exception", "noexcept", "qfatal", "qthread-stack"}.contains(kind) || folder.isEmpty() || log.isEmpty()) {
-        fprintf(stderr, "Usage: velmora-democlient-qt --crash=exception|noexcept|qfatal|qthread-stack"
+    if (!QStringList{"exception", "noexcept", "qfatal", "qthread-stack", "terminate-assert"}.contains(kind) || folder.isEmpty() || log.isEmpty()) {
+        fprintf(stderr, "Usage: velmora-democlient-qt --crash=exception|noexcept|qfatal|qthread-stack|terminate-assert"
                         " --dump-folder DIR --log FILE [--sender PATH]\n");
         return 2;
     }
@@ -84,6 +102,9 @@ int main(int argc, char *argv[])
         present();
     } else if (kind == "qfatal") {
         qFatal("renderer: device lost after %d frames", 7);
+    } else if (kind == "terminate-assert") {
+        std::set_terminate(sayUncaught);
+        rethrowOutside();
     } else {
         RenderThread thread;
         thread.start();
