@@ -102,7 +102,7 @@ class Service:
     def sql(self, sql, *params):
         return query(self.url, sql, *params)
 
-    def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0', dump_name='crash-1-2.dmp'):
+    def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0'):
         self.count += 1
         report = time.strftime('%Y%m%d', time.gmtime(received_at)) + '-%016x' % self.count
         path = os.path.join(self.store, report[:8], report + '.zip')
@@ -111,7 +111,7 @@ class Service:
             with zipfile.ZipFile(path, 'w', zipfile.ZIP_DEFLATED) as z:
                 z.writestr('client.log', 'renderer: device lost\n')
                 if dump is not None:
-                    z.writestr(dump_name, dump)
+                    z.writestr('crash-1-2.core' if dump[:4] == b'\x7fELF' else 'crash-1-2.dmp', dump)
                 z.writestr('info.ini', '[General]\nversion=%s\n' % version)
         else:
             with open(path, 'wb') as f:
@@ -261,7 +261,7 @@ class Processing(unittest.TestCase):
 
     def test_crashes(self):
         service = self.service()
-        reports = {mode: service.add(core, dump_name='crash-1-2.core') for mode, core in self.cores.items()}
+        reports = {mode: service.add(core) for mode, core in self.cores.items()}
         dumps = {mode: service.add(dump) for mode, dump in self.dumps.items()}
         service.drain('--symbols', self.symbols, *self.libc_symbols)
         signatures = [self.expected(mode)[1] for mode in list(reports) + list(dumps)]
@@ -276,7 +276,7 @@ class Processing(unittest.TestCase):
                 self.check_crash(mode, service.show(report))
         # Without the C library's executable its frames come from the handler's own list.
         service = self.service()
-        report = service.add(self.cores['abort'], dump_name='crash-1-2.core')
+        report = service.add(self.cores['abort'])
         service.drain('--symbols', self.symbols, '--symbols', '/usr/lib/debug')
         result = service.show(report)
         self.assertEqual((result['signature'], result['threads'][0]['from_process'] > 0), ('abort | crash', True))
@@ -287,7 +287,7 @@ class Processing(unittest.TestCase):
                       self.cores['segv'])
         lease = 4
         service = self.service()
-        report = service.add(core, dump_name='crash-1-2.core')
+        report = service.add(core)
         with HungServer() as hung:
             start = int(time.time())
             service.drain('--lease', str(lease), env=hung.env(self.tmp))
@@ -324,10 +324,11 @@ class Processing(unittest.TestCase):
         try:
             cache = tempfile.mkdtemp(dir=self.tmp)
             service = self.service()
-            report = service.add(self.dumps['segv'])
+            report = service.add(self.cores['segv'])
             service.drain(*self.libc_symbols, env={'DEBUGINFOD_URLS': url, 'DEBUGINFOD_CACHE_PATH': cache})
             self.check_crash('segv', service.show(report))
-            # The served client is unstripped: its executable holds the debug information too.
+            # The served client is unstripped: its executable, which unwinding needs, holds the
+            # debug information too.
             self.assertTrue(os.path.exists(os.path.join(cache, self.build_id, 'executable')))
         finally:
             server.terminate()
@@ -429,7 +430,7 @@ class Processing(unittest.TestCase):
         service = self.service()
         modes = ('segv', 'abort', 'assert', 'fpe')
         for mode in modes:
-            service.add(self.cores[mode], dump_name='crash-1-2.core')
+            service.add(self.cores[mode])
         service.drain('--rules', old, '--symbols', self.symbols, *self.libc_symbols)
         before = collections.Counter('crash' if mode in ('abort', 'assert') else CRASHES[mode][0] for mode in modes)
         self.assertEqual(service.counts(), {(s, DAY): n for s, n in before.items()})
