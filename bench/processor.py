@@ -1,6 +1,7 @@
 """Reports per second of velmora-processor against eu-addr2line run once per report on the same
-frames, over a corpus of real crashes of the demo client, in the same run; then on minicores of
-the same crashes against eu-stack --core run once per report on the same files.
+frames, over a corpus of real crashes of the demo client as format 2 text dumps (made of the
+crash handler's minicores, as older clients send them), in the same run; then on the handler's
+minicores of the same crashes against eu-stack --core run once per report on the same files.
     python3 bench/processor.py BUILD_DIR [REPORTS [MINICORES]]"""
 import glob
 import os
@@ -8,6 +9,7 @@ import re
 import shutil
 import sqlite3
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -15,18 +17,30 @@ import time
 import zipfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, 'tests/processor'))
-import minicore  # noqa: E402
 # The crashes that end in the C library's start-up frames, so that every report needs libc too.
 MODES = ['segv', 'abort', 'fpe', 'nullcall', 'wild', 'trap', 'race']
 ROUNDS = int(os.environ.get('BENCH_ROUNDS', '3'))
 
 
 def crash(client, mode, folder):
+    """The minicore of a crash, and the format 2 text dump of it: its note's text."""
     os.mkdir(folder)
     subprocess.run([client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log',
                     '--sender', '/bin/true'], stderr=subprocess.DEVNULL)
-    return glob.glob(folder + '/crash-*.dmp')[0]
+    core = glob.glob(folder + '/crash-*.core')[0]
+    with open(core, 'rb') as f:
+        data = f.read()
+    kind, _, at, _, _, size, _, _ = struct.unpack_from('<IIQQQQQQ', data, struct.unpack_from('<Q', data, 32)[0])
+    end = at + size
+    while kind == 4 and at + 12 <= end:
+        namesz, descsz, kind = struct.unpack_from('<III', data, at)
+        desc = at + 12 + (namesz + 3) // 4 * 4
+        if data[at + 12:at + 11 + namesz] == b'VELMORA' and kind == 1:
+            with open(core[:-len('.core')] + '.dmp', 'wb') as f:
+                f.write(data[desc:desc + descsz].replace(b'VELMORA-CRASH 3', b'VELMORA-CRASH 2', 1))
+            return core, f.name
+        at, kind = desc + (descsz + 3) // 4 * 4, 4
+    raise RuntimeError(core + ' has no VELMORA note')
 
 
 def make_store(data, dumps):
@@ -85,12 +99,8 @@ def time_eu_stack(cores):
     return time.monotonic() - start
 
 
-def bench_minicores(processor, client, data, symbols, count):
-    """Minicores of each mode, made once by gdb and stored count times over."""
-    folder = os.path.join(data, 'minicores')
-    os.mkdir(folder)
-    made = [minicore.make([client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log',
-                           '--sender', '/bin/true'], os.path.join(folder, mode + '.core')) for mode in MODES]
+def bench_minicores(processor, client, data, symbols, made, count):
+    """The crash handler's minicores of the same crashes, stored count times over."""
     cores = [made[n % len(made)] for n in range(count)]
     # The C library's executable by build ID: the processor finds nothing by path.
     system = os.path.join(data, 'system')
@@ -125,7 +135,8 @@ def main():
         symbols = os.path.join(data, 'symbols')
         subprocess.run([os.path.join(ROOT, 'scripts/file-debug-info.sh'), symbols, client], check=True,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        dumps = [crash(client, MODES[n % len(MODES)], os.path.join(data, 'crash-%d' % n)) for n in range(count)]
+        crashes = [crash(client, MODES[n % len(MODES)], os.path.join(data, 'crash-%d' % n)) for n in range(count)]
+        dumps = [dump for _, dump in crashes]
         db, url, store = make_store(data, dumps)
         ours, theirs = [], []
         time_processor(processor, db, url, store, symbols)  # warms the page cache for both
@@ -136,7 +147,7 @@ def main():
         print('  velmora-processor, one worker:     %7.1f reports/s  (%s)' % (statistics.median(ours), ', '.join('%.1f' % r for r in ours)))
         print('  eu-addr2line -M maps -f -i -C:    %7.1f reports/s  (%s)' % (statistics.median(theirs), ', '.join('%.1f' % r for r in theirs)))
         print('  ratio: %.1fx (goal: 5x)' % (statistics.median(ours) / statistics.median(theirs)))
-        bench_minicores(processor, client, data, symbols, minicores)
+        bench_minicores(processor, client, data, symbols, [core for core, _ in crashes], minicores)
     finally:
         shutil.rmtree(data)
 

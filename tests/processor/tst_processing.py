@@ -1,6 +1,7 @@
-"""velmora-processor end to end: the demo client crashes for real (a stripped copy, its debug
-file filed in a symbols folder or served by debuginfod), its reports go into a store and a
-database made by migrate.php, the processor runs, and --show and the tables tell the result."""
+"""velmora-processor end to end: the demo clients crash for real (stripped copies, their debug
+files filed in a symbols folder or served by debuginfod), the crash handler's minicores (and
+format 2 text dumps made of them, as older clients still send) go into a store and a database
+made by migrate.php, the processor runs, and --show and the tables tell the result."""
 import collections
 import glob
 import json
@@ -9,6 +10,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -18,46 +20,74 @@ import unittest
 import zipfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'service'))
-import minicore  # noqa: E402
 import servicefixture  # noqa: E402
 from servicefixture import HANG_SECONDS, ROOT, Postgres, query, start_on_a_port  # noqa: E402
 
 PROCESSOR = os.environ['PROCESSOR']
 DEMOCLIENT = os.environ['DEMOCLIENT']
+DEMOCLIENT_QT = os.environ['DEMOCLIENT_QT']
+PLUGIN = os.path.join(os.path.dirname(DEMOCLIENT), 'libvelmora-demoplugin.so')
 STUB_SENDER = os.path.join(ROOT, 'tests/data/stub_sender.sh')
 RECEIVED, DAY = 1795000000, '2026-11-18'
 HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler_install'}
-# Each crash of the demo client: its signature, signal, and the function and statement of
-# democlient.c that it faults in (the assembler of "unwind" has no line).
+SOURCES = {'late_stage': 'tests/demoplugin.c', 'qt': 'tests/democlient_qt.cpp', 'c': 'crashhandler/democlient.c'}
+# Each crash of the demo clients: its signature, signal, and the function and statement that it
+# faults in (the assembler of "unwind" has no line), and functions that some thread shows in a row.
 CRASHES = {
-    'segv': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
-    'abort': ('abort | crash', 'SIGABRT', 'crash', 'abort();'),
-    'fpe': ('divide_by_zero', 'SIGFPE', 'divide_by_zero', 'zero = dividend / zero;'),
-    'stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;'),
-    'nullcall': ('(no module) | crash', 'SIGSEGV', 'crash', 'null_function();'),
-    'wild': ('crash', 'SIGSEGV', 'crash', '*wild_pointer = 1;'),
-    'trap': ('crash', 'SIGTRAP', 'crash', 'int3'),
-    'thread': ('worker', 'SIGSEGV', 'worker', '*null_pointer = 1;'),
-    'race': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;'),
-    'unwind': ('broken_unwind', 'SIGSEGV', 'broken_unwind', None),
+    'segv': ('crash', 'SIGSEGV', 'crash', '*null_pointer = 1;', ()),
+    'abort': ('abort | crash', 'SIGABRT', 'crash', 'abort();', ()),
+    'fpe': ('divide_by_zero', 'SIGFPE', 'divide_by_zero', 'zero = dividend / zero;', ()),
+    'stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;', ()),
+    'nullcall': ('(no module) | crash', 'SIGSEGV', 'crash', 'null_function();', ()),
+    'trap': ('crash', 'SIGTRAP', 'crash', 'int3', ()),
+    'thread': ('worker', 'SIGSEGV', 'worker', '*null_pointer = 1;', ()),
+    'unwind': ('broken_unwind', 'SIGSEGV', 'broken_unwind', None, ()),
+    'holder': ('crashing_worker', 'SIGSEGV', 'crashing_worker', '*null_pointer = 1;', ('holder_busy', 'holder')),
+    'thread-stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = (char)depth;', ('crashing_worker',)),
+    'assert': ('assert | crash', 'SIGABRT', 'crash', 'assert(null_pointer', ()),
+    'plugin': ('late_stage', 'SIGSEGV', 'late_stage', '*null_pointer = step;', ('late_stage', 'plugin2_run')),
+    'deep': ('descend', 'SIGSEGV', 'descend', '*null_pointer = 1;', ('descend', 'deep_entry')),
+    # Under strace the handler's helper cannot attach: the crashing thread alone, captured by itself.
+    'strace': ('crashing_worker', 'SIGSEGV', 'crashing_worker', '*null_pointer = 1;', ()),
+    'exception': ('terminate | main', 'SIGABRT', 'main', 'throw velmora::DeviceLost', ()),
+    'noexcept': ('noexcept | fail', 'SIGABRT', 'present', 'fail();', ()),
+    'qfatal': ('fatal | main', 'SIGABRT', 'main', 'qFatal(', ()),
+    'qthread-stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = char(depth);', ()),
 }
-# The same crashes as minicores, made by minicore.py until the handler writes them: gdb cannot
-# read the memory of a process whose main thread has ended ('thread').
-MINICORE_MODES = [mode for mode in CRASHES if mode != 'thread']
-# A minicore's note carries what the crash said; the processor demangles an exception's type.
-MESSAGE_LINES = 'message: Assertion `count > 0\' failed.\\n\\x01\nexception: St13runtime_error\n'
-MESSAGE = "Assertion `count > 0' failed.\n?\nuncaught exception of type std::runtime_error"
+QT_MODES = {'exception', 'noexcept', 'qfatal', 'qthread-stack'}
+MESSAGES = {
+    'assert': re.escape('democlient.c:%d: crash: Assertion `null_pointer && "the renderer\'s device is still there"\' failed.'),
+    'exception': 'velmora::DeviceLost', 'noexcept': 'std::logic_error', 'qfatal': '^renderer: device lost after 7 frames$',
+}
 
 
 def run(*args, **kwargs):
     return subprocess.run(args, capture_output=True, text=True, timeout=HANG_SECONDS, **kwargs)
 
 
-def source_line(function, text):
-    with open(os.path.join(ROOT, 'crashhandler/democlient.c')) as f:
+def source_of(mode, function):
+    return os.path.join(ROOT, SOURCES.get(function) or SOURCES['qt' if mode in QT_MODES else 'c'])
+
+
+def source_line(mode, function, text):
+    with open(source_of(mode, function)) as f:
         lines = f.read().split('\n')
-    start = next(n for n, line in enumerate(lines) if re.match(r'static .*\b%s\(' % function, line))
+    start = next(n for n, line in enumerate(lines) if re.match(r'[^\s/#].*\b%s\(' % function, line))
     return next(n for n, line in enumerate(lines[start:], start + 1) if text in line)
+
+
+def text_dump(core):
+    """The format 2 text dump that an older handler would have written of the same crash: the
+    core's own note."""
+    kind, _, at, _, _, size, _, _ = struct.unpack_from('<IIQQQQQQ', core, struct.unpack_from('<Q', core, 32)[0])
+    assert kind == 4, 'the notes come first'
+    end = at + size
+    while at + 12 <= end:
+        namesz, descsz, kind = struct.unpack_from('<III', core, at)
+        desc = at + 12 + (namesz + 3) // 4 * 4
+        if core[at + 12:at + 11 + namesz] == b'VELMORA' and kind == 1:
+            return core[desc:desc + descsz].decode().replace('VELMORA-CRASH 3', 'VELMORA-CRASH 2', 1)
+        at = desc + (descsz + 3) // 4 * 4
 
 
 class Service:
@@ -72,7 +102,7 @@ class Service:
     def sql(self, sql, *params):
         return query(self.url, sql, *params)
 
-    def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0', dump_name='crash-1-2.dmp'):
+    def add(self, dump=None, archive=None, received_at=RECEIVED, version='3.0.0'):
         self.count += 1
         report = time.strftime('%Y%m%d', time.gmtime(received_at)) + '-%016x' % self.count
         path = os.path.join(self.store, report[:8], report + '.zip')
@@ -81,7 +111,7 @@ class Service:
             with zipfile.ZipFile(path, 'w', zipfile.ZIP_DEFLATED) as z:
                 z.writestr('client.log', 'renderer: device lost\n')
                 if dump is not None:
-                    z.writestr(dump_name, dump)
+                    z.writestr('crash-1-2.core' if dump[:4] == b'\x7fELF' else 'crash-1-2.dmp', dump)
                 z.writestr('info.ini', '[General]\nversion=%s\n' % version)
         else:
             with open(path, 'wb') as f:
@@ -134,36 +164,43 @@ class Processing(unittest.TestCase):
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix='tst_processing.')
         os.chmod(cls.tmp, 0o755)
-        # The client as a vendor ships it: stripped, its debug file kept apart by build ID. Built
-        # without PIE, and with clang and lld (address ranges for the crash handler's unit only),
-        # it crashes once more.
-        clients = [DEMOCLIENT] + [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld-mixed')]
+        # The clients as a vendor ships them: stripped, their debug files kept apart by build ID.
+        # Built without PIE, and with clang and lld (address ranges for the crash handler's unit
+        # only), the C client crashes once more.
+        variants = [os.path.join(os.environ['VARIANTS'], 'velmora-democlient-' + v) for v in ('nopie', 'lld-mixed')]
         cls.symbols = os.path.join(cls.tmp, 'symbols')
-        filed = run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, *clients)
+        filed = run(os.path.join(ROOT, 'scripts/file-debug-info.sh'), cls.symbols, DEMOCLIENT, DEMOCLIENT_QT, PLUGIN, *variants)
         filed.check_returncode()
         cls.build_ids = {os.path.basename(line.split()[1]): line.split()[0] for line in filed.stdout.splitlines()}
         cls.build_id = cls.build_ids['velmora-democlient']
-        cls.clang = {os.path.basename(c): 'clang' in run('readelf', '-p', '.comment', c).stdout for c in clients}
+        cls.clang = {os.path.basename(c): 'clang' in run('readelf', '-p', '.comment', c).stdout for c in [DEMOCLIENT] + variants}
         os.mkdir(os.path.join(cls.tmp, 'bin'))
-        cls.dumps, cls.variant_dumps, cls.minicores = {}, {}, {}
-        for source in clients:
-            client = os.path.join(cls.tmp, 'bin', os.path.basename(source))
-            run('strip', '-o', client, source).check_returncode()
-            for mode in CRASHES if source == DEMOCLIENT else ['segv']:
-                folder = tempfile.mkdtemp(dir=cls.tmp)
-                args = [client, '--crash=' + mode, '--dump-folder', folder, '--log', folder + '/client.log', '--sender', STUB_SENDER]
-                run(*args)
-                with open(glob.glob(folder + '/crash-*.dmp')[0]) as f:
-                    (cls.dumps if source == DEMOCLIENT else cls.variant_dumps)[mode if source == DEMOCLIENT else client] = f.read()
-                if source == DEMOCLIENT and mode in MINICORE_MODES:
-                    with open(minicore.make(args, folder + '/crash.core', MESSAGE_LINES if mode == 'abort' else ''), 'rb') as f:
-                        cls.minicores[mode] = f.read()
-        # The C library's executable by build ID, beside Debian's debug files: unwinding needs it.
-        libc = run('sh', '-c', 'ldd "$0" | sed -n "s/.*libc.so.6 => \\(.*\\) (.*/\\1/p"', DEMOCLIENT).stdout.strip()
+        stripped = {}
+        for source in [DEMOCLIENT, DEMOCLIENT_QT, PLUGIN] + variants:
+            stripped[source] = os.path.join(cls.tmp, 'bin', os.path.basename(source))
+            run('strip', '-o', stripped[source], source).check_returncode()
+        cls.cores = {}
+        for mode in list(CRASHES) + variants:
+            folder = tempfile.mkdtemp(dir=cls.tmp)
+            client = stripped[DEMOCLIENT_QT if mode in QT_MODES else mode if mode in variants else DEMOCLIENT]
+            kind = 'segv' if mode in variants else 'holder' if mode == 'strace' else mode
+            run(*(['strace', '-f', '-o', '/dev/null'] if mode == 'strace' else []), client, '--crash=' + kind,
+                *(['--plugin', stripped[PLUGIN]] if mode == 'plugin' else []),
+                '--dump-folder', folder, '--log', folder + '/client.log', '--sender', STUB_SENDER)
+            with open(glob.glob(folder + '/crash-*.core')[0], 'rb') as f:
+                cls.cores[os.path.basename(mode)] = f.read()
+        # A handler of format 2 listed the plugin twice, at each of its mappings at offset 0.
+        plugin = text_dump(cls.cores['plugin'])
+        line = re.search(r'^module: \S+ (\S+ (.*/libvelmora-demoplugin.so))$', plugin, re.M)
+        higher = re.findall(r'^([0-9a-f]+)-\S+ \S+ 00000000 .* %s$' % re.escape(line.group(2)), plugin, re.M)[1]
+        cls.dumps = {'segv': text_dump(cls.cores['segv']),
+                     'plugin': plugin.replace(line.group(0), '%s\nmodule: 0x%016x %s' % (line.group(0), int(higher, 16), line.group(1)))}
+        # The system libraries' executables by build ID, beside Debian's debug files: unwinding needs them.
         cls.system = os.path.join(cls.tmp, 'system')
-        libc_id = re.search(r'Build ID: (\w+)', run('readelf', '-n', libc).stdout).group(1)
-        os.makedirs(os.path.join(cls.system, '.build-id', libc_id[:2]))
-        shutil.copy(libc, os.path.join(cls.system, '.build-id', libc_id[:2], libc_id[2:]))
+        for library in set(re.findall(r'=> (\S+)', run('ldd', DEMOCLIENT, DEMOCLIENT_QT).stdout)):
+            build_id = re.search(r'Build ID: (\w+)', run('readelf', '-n', library).stdout).group(1)
+            os.makedirs(os.path.join(cls.system, '.build-id', build_id[:2]), exist_ok=True)
+            os.symlink(library, os.path.join(cls.system, '.build-id', build_id[:2], build_id[2:]))
         cls.libc_symbols = ['--symbols', '/usr/lib/debug', '--symbols', cls.system]
 
     @classmethod
@@ -173,62 +210,73 @@ class Processing(unittest.TestCase):
     def service(self, url=None):
         return Service(tempfile.mkdtemp(dir=self.tmp), url)
 
-    def expected(self, mode, client='velmora-democlient'):
-        signature, signal_name, function, text = CRASHES[mode]
-        line = source_line(function, text) if text else None
-        if self.clang[client]:
+    def expected(self, mode):
+        """The signature, signal, function and source line of a crash: a mode or a variant's name."""
+        client = mode if mode.startswith('velmora-') else 'velmora-democlient-qt' if mode in QT_MODES else 'velmora-democlient'
+        signature, signal_name, function, text, _ = CRASHES.get(mode, CRASHES['segv'])
+        line = source_line(mode, function, text) if text else None
+        if self.clang.get(client) or function == 'late_stage':
             # clang's line tables put some faulting statements on line 0 or on the next line.
             line = line and 'any'
-        return signature, signal_name, function, line
+        return client, signature, signal_name, function, line
 
-    def check_crash(self, mode, result, client='velmora-democlient'):
-        signature, signal_name, function, line = self.expected(mode, client)
+    def check_crash(self, mode, result):
+        client, signature, signal_name, function, line = self.expected(mode)
         frames = result['frames']
         self.assertEqual((result['state'], result['signature'], result['signal']), ('done', signature, signal_name))
         if line:
-            self.assertIn({'function': function, 'file': os.path.join(ROOT, 'crashhandler/democlient.c'), 'line': line},
+            self.assertIn({'function': function, 'file': source_of(mode, function), 'line': line},
                           [{'function': f['function'], 'file': f['file'], 'line': 'any' if line == 'any' else f['line']}
                            for f in frames])
         self.assertFalse(HANDLER_FUNCTIONS & {f['function'] for f in frames})
-        if mode not in ('stack', 'unwind'):  # 64 frames of recursion; an unwinder stopped at once
+        if mode not in ('stack', 'unwind', 'deep', 'thread-stack', 'qthread-stack'):  # recursions; an unwinder stopped at once
             libc = [f['function'] for f in frames if f['module'] == 'libc.so.6']
             self.assertTrue(libc and all(libc), libc)
-        self.assertEqual({f['build_id'] for f in frames if f['module'] == client}, {self.build_ids[client]})
+        self.assertIn(self.build_ids[client], {f['build_id'] for f in frames})
+
+    def check_threads(self, mode, core, result):
+        """A minicore's report: every thread with its top frames named, the message, how the threads
+        were captured; and the file opens in eu-stack with every thread."""
+        threads = result['threads']
+        self.assertEqual((threads[0]['crashed'], threads[0]['frames']), (True, result['frames']))
+        for thread in threads:
+            top = [f['function'] for f in thread['frames'] if f['module']][:3]
+            self.assertTrue(len(top) == (1 if mode == 'unwind' else 3) and all(top), (thread['id'], top))
+        in_a_row = CRASHES.get(mode, CRASHES['segv'])[4]
+        if in_a_row:
+            self.assertTrue(any(in_a_row == tuple(f['function'] for f in t['frames'][n:n + len(in_a_row)])
+                                for t in threads for n in range(len(t['frames']))), in_a_row)
+        if mode == 'deep':
+            self.assertGreater(threads[0]['left_out'], 0)
+        strace = mode == 'strace'
+        in_process = int(re.search(r'^threads: (\d+)$', text_dump(core), re.M).group(1))
+        self.assertEqual((result['capture'], len(threads)), ('self', 1) if strace else ('ptrace', in_process))
+        message = MESSAGES.get(mode, '^$') % ((self.expected(mode)[4],) if mode == 'assert' else ())
+        self.assertRegex(result['message'] or '', message)
+        path = os.path.join(self.tmp, 'crash.core')
+        with open(path, 'wb') as f:
+            f.write(core)
+        shown = run('eu-stack', '--core=' + path).stdout
+        self.assertEqual(shown.count('\nTID '), len(threads), shown)
 
     def test_crashes(self):
         service = self.service()
-        reports = {mode: service.add(dump) for mode, dump in self.dumps.items()}
-        variants = {client: service.add(dump) for client, dump in self.variant_dumps.items()}
-        minicores = {mode: service.add(core, dump_name='crash-1-2.core') for mode, core in self.minicores.items()}
+        reports = {mode: service.add(core) for mode, core in self.cores.items()}
+        dumps = {mode: service.add(dump) for mode, dump in self.dumps.items()}
         service.drain('--symbols', self.symbols, *self.libc_symbols)
-        for client, report in variants.items():
-            with self.subTest(client=os.path.basename(client)):
-                self.check_crash('segv', service.show(report), os.path.basename(client))
-        signatures = ([self.expected(mode)[0] for mode in list(CRASHES) + list(minicores)]
-                      + [self.expected('segv', os.path.basename(c))[0] for c in variants])
+        signatures = [self.expected(mode)[1] for mode in list(reports) + list(dumps)]
         for mode, report in reports.items():
             with self.subTest(mode=mode):
                 result = service.show(report)
                 self.check_crash(mode, result)
                 self.assertEqual(service.counts()[(result['signature'], DAY)], signatures.count(result['signature']))
-        for mode, report in minicores.items():
-            with self.subTest(minicore=mode):
-                result = service.show(report)
-                self.check_crash(mode, result)
-                threads = result['threads']
-                self.assertEqual((threads[0]['crashed'], threads[0]['frames'], result['capture']), (True, result['frames'], 'ptrace'))
-                # Every thread's top frame in a module is named, and the waiting thread shows where it waits.
-                self.assertTrue(all(next(f for f in t['frames'] if f['module'])['function'] for t in threads), threads)
-                self.assertEqual(len(threads), 2 if mode == 'race' else 1)
-                if mode == 'race':
-                    self.assertIn('second_thread', [f['function'] for f in threads[1]['frames']])
-                if mode == 'stack':
-                    self.assertGreater(threads[0]['left_out'], 0)
-                    self.assertEqual(threads[0]['frames'][-1]['function'], '_start')
-                self.assertEqual(result['message'], MESSAGE if mode == 'abort' else None)
+                self.check_threads(mode, self.cores[mode], result)
+        for mode, report in dumps.items():
+            with self.subTest(text_dump=mode):
+                self.check_crash(mode, service.show(report))
         # Without the C library's executable its frames come from the handler's own list.
         service = self.service()
-        report = service.add(self.minicores['abort'], dump_name='crash-1-2.core')
+        report = service.add(self.cores['abort'])
         service.drain('--symbols', self.symbols, '--symbols', '/usr/lib/debug')
         result = service.show(report)
         self.assertEqual((result['signature'], result['threads'][0]['from_process'] > 0), ('abort | crash', True))
@@ -236,10 +284,10 @@ class Processing(unittest.TestCase):
     def test_debuginfod_hangs(self):
         # Every module's build ID unknown here, each asked of a debuginfod that never answers.
         core = re.sub(rb'(?<=module: 0x[0-9a-f]{16} )[0-9a-f]+', lambda m: os.urandom(len(m.group(0)) // 2).hex().encode(),
-                      self.minicores['segv'])
+                      self.cores['segv'])
         lease = 4
         service = self.service()
-        report = service.add(core, dump_name='crash-1-2.core')
+        report = service.add(core)
         with HungServer() as hung:
             start = int(time.time())
             service.drain('--lease', str(lease), env=hung.env(self.tmp))
@@ -276,10 +324,11 @@ class Processing(unittest.TestCase):
         try:
             cache = tempfile.mkdtemp(dir=self.tmp)
             service = self.service()
-            report = service.add(self.dumps['segv'])
+            report = service.add(self.cores['segv'])
             service.drain(*self.libc_symbols, env={'DEBUGINFOD_URLS': url, 'DEBUGINFOD_CACHE_PATH': cache})
             self.check_crash('segv', service.show(report))
-            # The served client is unstripped: its executable holds the debug information too.
+            # The served client is unstripped: its executable, which unwinding needs, holds the
+            # debug information too.
             self.assertTrue(os.path.exists(os.path.join(cache, self.build_id, 'executable')))
         finally:
             server.terminate()
@@ -376,17 +425,18 @@ class Processing(unittest.TestCase):
 
     def test_reprocess_moves_every_count(self):
         # Reports grouped by lists of version 1, which knew no kinds of death, regroup under
-        # the shipped ones: abort's count moves from "crash" to "abort | crash".
+        # the shipped ones: abort's and assert's counts move from "crash" to their kinds.
         old = self.rules(1, lambda name, text: re.sub(r'(?m)^[^#\n].*=>.*$', '', text) if name == 'kinds.txt' else text)
         service = self.service()
-        for dump in self.dumps.values():
-            service.add(dump)
+        modes = ('segv', 'abort', 'assert', 'fpe')
+        for mode in modes:
+            service.add(self.cores[mode])
         service.drain('--rules', old, '--symbols', self.symbols, *self.libc_symbols)
-        before = collections.Counter('crash' if mode == 'abort' else CRASHES[mode][0] for mode in self.dumps)
+        before = collections.Counter('crash' if mode in ('abort', 'assert') else CRASHES[mode][0] for mode in modes)
         self.assertEqual(service.counts(), {(s, DAY): n for s, n in before.items()})
         command, env = service.processor('--reprocess', '--symbols', self.symbols, *self.libc_symbols)
         run(*command, env=env).check_returncode()
-        after = collections.Counter(CRASHES[mode][0] for mode in self.dumps)
+        after = collections.Counter(CRASHES[mode][0] for mode in modes)
         self.assertEqual(service.counts(), {(s, DAY): n for s, n in after.items()})
         self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {2})
 
@@ -409,7 +459,7 @@ class Processing(unittest.TestCase):
         they came out: the loader's rows are the endpoint's and the processor's."""
         service = servicefixture.Service(self.tmp, '--rate-limit', '0').start()
         try:
-            for version, dump in (('3.0.0', self.dumps['segv']), ('3.0.0', self.dumps['segv']), ('3.0.1', self.dumps['fpe']),
+            for version, dump in (('3.0.0', self.dumps['segv']), ('3.0.0', self.dumps['segv']), ('3.0.1', self.cores['fpe']),
                                   ('3.0.1', None), ('3.0.1', self.dumps['segv'].replace('CRASH 2', 'CRASH 9'))):
                 data = servicefixture.archive('[General]\nversion=%s\n' % version, dump or b'')
                 fields = {'product': 'Velmora 3', 'os': 'linux/x86_64 ü'}
@@ -421,13 +471,13 @@ class Processing(unittest.TestCase):
 
         def tables(url):
             # Without what the loader cannot know: the archive (it makes none here) and the time of processing.
-            return {table: [{key: json.loads(value) if key == 'frames' else value for key, value in row.items()
+            return {table: [{key: json.loads(value) if key in ('frames', 'threads') and value else value for key, value in row.items()
                              if key not in ('size', 'sha256', 'processed_at')} for row in query(url, 'SELECT * FROM ' + table + ' ORDER BY 1, 2, 3')]
                     for table in ('reports', 'processed', 'signature_days')}
         uploaded = tables(service.db)
         results = {row['report_id']: row for row in uploaded['processed']}
         listed = [{**report, 'fields': json.loads(report['fields']), 'archive': False,
-                   **({key: results[report['id']][key] for key in ('signature', 'rule_version', 'signal', 'address', 'frames')}
+                   **({key: results[report['id']][key] for key in ('signature', 'rule_version', 'signal', 'address', 'frames', 'threads', 'message', 'capture')}
                       if report['id'] in results else {})}
                   for report in uploaded['reports']]
         loaded = self.service()
