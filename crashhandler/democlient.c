@@ -173,7 +173,9 @@ static void *idle(void *unused)
 
 static void *crashing_worker(void *kind)
 {
-    for (long i = 0; i < idle_threads; ++i)
+    /* The waiting threads, and the main thread out of pthread_create: a thread caught inside
+       clone has no frames to show. */
+    for (long i = 0; i <= idle_threads; ++i)
         while (sem_wait(&waiting) != 0) {}
     if (say_when) {
         struct timespec now;
@@ -218,6 +220,7 @@ static void crash_on_worker(const char *kind)
     for (long i = 0; i < idle_threads; ++i)
         pthread_create(&thread, NULL, i == 0 ? holder : idle, NULL);
     pthread_create(&thread, NULL, crashing_worker, (void *)kind);
+    sem_post(&waiting);
     pthread_join(thread, NULL);
 }
 
