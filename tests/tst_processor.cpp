@@ -381,18 +381,14 @@ static Frame frameFrom(const QString &text)
     Frame frame;
     const int at = text.indexOf(QLatin1Char('@'));
     const int colon = text.lastIndexOf(QLatin1Char(':'));
+    frame.hasModule = at != 0;
+    frame.module = at >= 0 ? text.left(at) : QStringLiteral("velmora");
     if (at >= 0) {
-        frame.hasModule = at > 0;
-        frame.module = text.left(at);
         frame.offset = frame.address = text.mid(at + 3).toULongLong(nullptr, 16);
     } else if (colon > 0 && text.at(colon - 1) != QLatin1Char(':') && text.mid(colon + 1).toInt() > 0) {
-        frame.hasModule = true;
-        frame.module = QStringLiteral("velmora");
         frame.file = QStringLiteral("/build/src/") + text.left(colon);
         frame.line = text.mid(colon + 1).toInt();
     } else {
-        frame.hasModule = true;
-        frame.module = QStringLiteral("velmora");
         frame.function = text;
     }
     return frame;
@@ -493,8 +489,7 @@ void tst_Processor::ruleFiles()
         QFile::setPermissions(dir.filePath(name), QFile::ReadOwner | QFile::WriteOwner);
     }
     QFile edited(dir.filePath(file));
-    QVERIFY(edited.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    edited.write(text);
+    QVERIFY(edited.open(QIODevice::WriteOnly | QIODevice::Truncate) && edited.write(text) == text.size());
     edited.close();
     SignatureRules rules;
     QString message;

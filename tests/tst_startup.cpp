@@ -162,9 +162,8 @@ protected:
     void setupChildProcess() override
     {
         if (setting & Hostile) {
-            signal(SIGPIPE, SIG_IGN);
-            signal(SIGHUP, SIG_IGN);
-            signal(SIGCHLD, SIG_IGN);
+            for (int ignored : {SIGPIPE, SIGHUP, SIGCHLD})
+                signal(ignored, SIG_IGN);
             ::open(leaked.constData(), O_WRONLY | O_CREAT, 0600);
             deny(SYS_close_range, 3, ENOSYS);
         }
@@ -253,11 +252,9 @@ static QString ownNote(const QByteArray &core)
 static QString output(const QString &program, const QStringList &args)
 {
     QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, args);
-    if (!process.waitForFinished(scaled(30000)))
-        return QString();
-    const QByteArray errors = process.readAllStandardError();
-    return QString::fromUtf8(process.readAllStandardOutput() + errors);
+    return process.waitForFinished(scaled(30000)) ? QString::fromUtf8(process.readAll()) : QString();
 }
 
 void tst_Startup::crash()

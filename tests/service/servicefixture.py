@@ -87,7 +87,13 @@ def exchange(port, raw, source='127.0.0.1'):
     the answer is missing or cut off."""
     with socket.create_connection(('127.0.0.1', port), timeout=HANG_SECONDS, source_address=(source, 0)) as s:
         s.sendall(raw)
-        answer = http.client.HTTPResponse(s)
+        return answer_on(s)
+
+
+def answer_on(connection):
+    """The answer that comes on a connection, as exchange() gives it; closes the connection."""
+    with connection:
+        answer = http.client.HTTPResponse(connection)
         try:
             answer.begin()
             return answer.status, answer.getheader('Content-Type'), answer.read().decode()

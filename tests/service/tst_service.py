@@ -6,7 +6,6 @@ and one store, a processor killed, the database restarted and made read-only und
 the real host's files as nginx, PHP-FPM and systemd read them."""
 import concurrent.futures
 import hashlib
-import http.client
 import io
 import json
 import os
@@ -25,8 +24,8 @@ import warnings
 import zipfile
 import zlib
 
-from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, archive, exchange, many_entries,
-                            processes, query, random_port, request, status_of, upload_request)
+from servicefixture import (FIELDS, HANG_SECONDS, INFO_INI, ROOT, RUN_SH, Postgres, Service, answer_on, archive, exchange,
+                            many_entries, processes, query, random_port, request, status_of, upload_request)
 
 BIN = os.environ.get('VELMORA_BIN', os.path.join(os.path.dirname(os.path.dirname(RUN_SH)), 'build/bin'))
 MAX = 1 << 20
@@ -131,15 +130,7 @@ class ServiceTest(unittest.TestCase):
             for connection in slow:
                 connection.sendall(upload_request(GOOD)[:-100])
             self.assertEqual(exchange(service.port, upload_request(GOOD), source='127.0.0.2')[0], 200)
-            answers = []
-            for connection in slow:
-                with connection:
-                    answer = http.client.HTTPResponse(connection)
-                    try:
-                        answer.begin()
-                        answers.append(answer.status)
-                    except http.client.RemoteDisconnected:
-                        answers.append(None)
+            answers = [answer_on(connection)[0] for connection in slow]
             self.assertEqual((answers.count(None), answers.count(429)), (4, 6))
         # As QSettings writes it: quotes around a value with a comma, escaped quotes, UTF-16 units.
         escaped = '[General]\nversion=3.0.1\ndescription="Crash, then \\"\\x00e9t\\xe9\\" \\x263a"\n'
