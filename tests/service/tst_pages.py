@@ -2,6 +2,7 @@
 reports (SQLite and PostgreSQL), hostile content and parameters, the archive download, and a
 real browser on a real crash of the demo client."""
 import base64
+import contextlib
 import glob
 import html.parser
 import http.client
@@ -26,6 +27,19 @@ CLOCK = {'LD_PRELOAD': glob.glob('/usr/lib/*/faketime/libfaketime.so.1')[0], 'FA
          'FAKETIME_DONT_FAKE_MONOTONIC': '1',
          # PHP-FPM clears its workers' environment, where the offset would otherwise be read again.
          'FAKETIME_CACHE_DURATION': str(10 ** 9)}
+
+
+def forget_dead_clocks():
+    """libfaketime keeps a semaphore and a counter in /dev/shm named by the pid of the process that
+    made them, and a process killed leaves them behind. Started as root, the service runs as two
+    users, and a process given a dead one's pid then cannot open the other user's files and exits."""
+    for name in os.listdir('/dev/shm'):
+        made_by = re.fullmatch(r'(?:sem\.)?faketime_(?:sem|shm)_(\d+)', name)
+        if made_by and not os.path.exists('/proc/' + made_by.group(1)):
+            with contextlib.suppress(OSError):
+                os.unlink('/dev/shm/' + name)
+
+
 MAP, RENDER, EVIL = 'Map::load | memcpy', 'Render::draw', '<img src=x onerror=alert(1)>'
 EVIL_VERSION = "' OR 1=1 --"
 SCRIPT = "<script>document.title='owned'</script>"
@@ -190,6 +204,7 @@ class Pages(unittest.TestCase):
     def setUpClass(cls):
         cls.work = tempfile.mkdtemp(prefix='velmora-pages.')
         cls.postgres = Postgres() if cls.database == 'postgresql' else None
+        forget_dead_clocks()
         cls.service = Service(cls.work, db=cls.postgres and cls.postgres.url, env=CLOCK).start()
         cls.password = open(os.path.join(cls.service.data, 'admin-password')).read().strip()
         # Processed before the others are loaded, which hold a report that must stay waiting.
@@ -310,6 +325,7 @@ class OwnService(unittest.TestCase):
     def setUp(self):
         self.work = tempfile.mkdtemp(prefix='velmora-pages.')
         self.addCleanup(shutil.rmtree, self.work)
+        forget_dead_clocks()
         self.service = Service(self.work, env=CLOCK).start()
         self.addCleanup(self.service.stop)
 
