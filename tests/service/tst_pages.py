@@ -202,21 +202,19 @@ class Pages(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
+        # Class cleanups run even when the set-up fails half-way, so nothing started stays behind.
         cls.work = tempfile.mkdtemp(prefix='velmora-pages.')
+        cls.addClassCleanup(shutil.rmtree, cls.work)
         cls.postgres = Postgres() if cls.database == 'postgresql' else None
+        if cls.postgres:
+            cls.addClassCleanup(cls.postgres.stop)
         forget_dead_clocks()
         cls.service = Service(cls.work, db=cls.postgres and cls.postgres.url, env=CLOCK).start()
+        cls.addClassCleanup(cls.service.stop)
         cls.password = open(os.path.join(cls.service.data, 'admin-password')).read().strip()
         # Processed before the others are loaded, which hold a report that must stay waiting.
         cls.real = real_crash(cls.service, cls.work)
         load(cls.service, REPORTS)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.service.stop()
-        if cls.postgres:
-            cls.postgres.stop()
-        shutil.rmtree(cls.work)
 
     def get(self, path, user='admin', headers={}):
         connection = http.client.HTTPConnection('127.0.0.1', self.service.port, timeout=HANG_SECONDS)
