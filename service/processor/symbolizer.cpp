@@ -41,6 +41,22 @@ static bool hasBuildId(Elf *elf, const QByteArray &buildId)
     return length > 0 && QByteArray(static_cast<const char *>(bits), int(length)).toHex() == buildId;
 }
 
+// The descriptor when the file holds the build ID it was found by, else -1 (and it is closed):
+// a file filed under the wrong name would give wrong answers, worse than none.
+static int checked(int fd, const QByteArray &buildId, const QByteArray &path)
+{
+    if (fd < 0)
+        return -1;
+    Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+    const bool right = hasBuildId(elf, buildId);
+    elf_end(elf);
+    if (right)
+        return fd;
+    qWarning("%s does not have the build ID it is filed under", path.constData());
+    close(fd);
+    return -1;
+}
+
 // No path is ever looked up by name: a module is reported from the file found by its build
 // ID, and its debug file, too, comes by that ID alone (the module's name is the ID).
 static int findNoElf(Dwfl_Module *, void **, const char *, Dwarf_Addr, char **, Elf **)
@@ -54,19 +70,7 @@ static int findDebugFile(Dwfl_Module *, void **userdata, const char *name, Dwarf
     auto symbolizer = static_cast<Symbolizer *>(*userdata);
     QByteArray path;
     const QByteArray buildId(name);
-    const int fd = symbolizer ? symbolizer->openFile(buildId, Symbolizer::DebugFile, &path) : -1;
-    if (fd < 0)
-        return -1;
-    // A file filed under the wrong name would give wrong answers, worse than none.
-    Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
-    const bool right = hasBuildId(elf, buildId);
-    elf_end(elf);
-    if (!right) {
-        qWarning("Debug file %s does not have the build ID it is filed under", path.constData());
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return checked(symbolizer ? symbolizer->openFile(buildId, Symbolizer::DebugFile, &path) : -1, buildId, path);
 }
 
 // A module reported by its address range alone gets its file when libdwfl first needs it, by
@@ -75,11 +79,8 @@ static int findElf(Dwfl_Module *, void **userdata, const char *name, Dwarf_Addr,
 {
     auto symbolizer = static_cast<Symbolizer *>(*userdata);
     QByteArray path;
-    int fd = symbolizer ? symbolizer->openFile(QByteArray(name), Symbolizer::Executable, &path) : -1;
-    if (fd < 0 && symbolizer)
-        fd = symbolizer->openFile(QByteArray(name), Symbolizer::DebugFile, &path);
     *elf = nullptr;
-    return fd;
+    return symbolizer ? symbolizer->openModuleFile(QByteArray(name), &path) : -1;
 }
 
 static const Dwfl_Callbacks callbacks = {
@@ -111,20 +112,9 @@ bool Symbolizer::reportRange(Dwfl *dwfl, const QByteArray &buildId, quint64 star
 Dwfl_Module *Symbolizer::reportModule(Dwfl *dwfl, const QByteArray &buildId, quint64 base)
 {
     QByteArray path;
-    int fd = openFile(buildId, Executable, &path);
-    if (fd < 0)
-        fd = openFile(buildId, DebugFile, &path);
+    const int fd = checked(openModuleFile(buildId, &path), buildId, path);
     if (fd < 0)
         return nullptr;
-    // A file filed under the wrong name would give wrong answers, worse than none.
-    Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
-    const bool right = hasBuildId(elf, buildId);
-    elf_end(elf);
-    if (!right) {
-        qWarning("%s does not have the build ID it is filed under", path.constData());
-        close(fd);
-        return nullptr;
-    }
     // Consumes fd.
     Dwfl_Module *module = dwfl_report_elf(dwfl, buildId.constData(), path.constData(), fd, base, false);
     if (!module)
@@ -316,6 +306,12 @@ int Symbolizer::openFile(const QByteArray &buildId, FileKind kind, QByteArray *p
     }
     m_misses.insert(key, now);
     return -1;
+}
+
+int Symbolizer::openModuleFile(const QByteArray &buildId, QByteArray *path)
+{
+    const int fd = openFile(buildId, Executable, path);
+    return fd >= 0 ? fd : openFile(buildId, DebugFile, path);
 }
 
 Symbolizer::Module *Symbolizer::module(const QByteArray &buildId)

@@ -46,6 +46,8 @@ public:
     void beginReport(qint64 deadlineMs);
     // An open descriptor of the file with the build ID (lowercase hex), or -1.
     int openFile(const QByteArray &buildId, FileKind kind, QByteArray *path);
+    // The module's executable, else its debug file, which still holds its symbol table.
+    int openModuleFile(const QByteArray &buildId, QByteArray *path);
     // A session whose modules find their debug files through openFile; lazy: their files too,
     // for modules reported by reportRange.
     static Dwfl *newDwfl(bool lazy = false);
