@@ -33,6 +33,7 @@ QJsonArray framesToJson(const QVector<Frame> &frames)
                 { QStringLiteral("line"), f.line > 0 ? QJsonValue(f.line) : QJsonValue() },
                 { QStringLiteral("inlined"), f.inlined },
                 { QStringLiteral("symbol_table"), f.fromSymbolTable },
+                { QStringLiteral("symbol"), textOrNull(f.symbol) },
         });
     }
     return array;
@@ -55,6 +56,7 @@ QVector<Frame> framesFromJson(const QJsonArray &array)
         f.line = o.value(QStringLiteral("line")).toInt();
         f.inlined = o.value(QStringLiteral("inlined")).toBool();
         f.fromSymbolTable = o.value(QStringLiteral("symbol_table")).toBool();
+        f.symbol = o.value(QStringLiteral("symbol")).toString();
         frames << f;
     }
     return frames;

@@ -21,6 +21,9 @@ struct Frame
     int line = 0;        // 0 when unknown
     bool inlined = false;
     bool fromSymbolTable = false;  // named by the module's symbol table alone: no file or line
+    // What the module's own file calls the address, whatever debug file the server has:
+    // empty where its symbol tables name nothing there.
+    QString symbol;
 };
 
 QJsonArray framesToJson(const QVector<Frame> &frames);

@@ -76,9 +76,28 @@ static bool always(const Lists &, const Stack &, int)
     return true;
 }
 
+static bool inLibrary(const Lists &lists, const Stack &s, int i)
+{
+    const Frame &frame = *s.lines.at(i).frame;
+    return frame.hasModule && lists.libraries.matches(frame.module);
+}
+
+// A debug file's names for a runtime library's internals exist only on servers that have it;
+// the library's own symbol table is the same everywhere. (The calls it inlined read as the
+// frame they are in, which the repeat rule then names once.)
+static void readOwnName(const Lists &lists, Stack &s, int i)
+{
+    Line &line = s.lines[i];
+    line.text = line.frame->symbol;
+    if (line.text.isEmpty()) {
+        line.text = lists.libraries.value(line.frame->module);
+        line.token = true;
+    }
+}
+
 static bool hasFunction(const Lists &, const Stack &s, int i)
 {
-    return !s.lines.at(i).frame->function.isEmpty();
+    return !s.lines.at(i).token && !s.lines.at(i).text.isEmpty();
 }
 
 static void rename(const Lists &lists, Stack &s, int i)
@@ -100,18 +119,6 @@ static bool inNoModule(const Lists &, const Stack &s, int i)
 static void readAsNoModule(const Lists &, Stack &s, int i)
 {
     s.lines[i].text = SignatureRules::NoModuleToken;
-    s.lines[i].token = true;
-}
-
-static bool unnamedInLibrary(const Lists &lists, const Stack &s, int i)
-{
-    const Frame &frame = *s.lines.at(i).frame;
-    return frame.hasModule && frame.function.isEmpty() && lists.libraries.matches(frame.module);
-}
-
-static void readAsLibrary(const Lists &lists, Stack &s, int i)
-{
-    s.lines[i].text = lists.libraries.value(s.lines.at(i).frame->module);
     s.lines[i].token = true;
 }
 
@@ -175,10 +182,10 @@ struct Rule
 // next rule. What is kept is then joined while frames match prefix.txt, after the kind of
 // death, and cut at MaxLength. docs/processing.md shows each on an example.
 static const Rule rules[] = {
+    { "library", inLibrary, readOwnName },            // libraries.txt: named by their own symbol table, else "libc"
     { "rename", hasFunction, rename },                // rename.txt: one name across compilers, builds, CPUs
     { "name", always, name },                         // function without parameters, file:line, module@0xoffset
     { "nowhere", inNoModule, readAsNoModule },        // a bad call or jump target: one token, never the address
-    { "library", unnamedInLibrary, readAsLibrary },   // libraries.txt: a C library frame no table names is "libc"
     { "sentinel", isSentinel, startHere },            // sentinel.txt: the signature starts at the innermost
     { "kind", hasKind, tellKind },                    // kinds.txt: the outermost tells how the program died
     { "skip", isSkipped, leaveOut },                  // skip.txt, and library tokens on a way of dying

@@ -24,6 +24,9 @@ struct Symbolizer::Module
     QByteArray buildId;
     Dwfl *dwfl = nullptr;
     Dwfl_Module *module = nullptr;
+    // The same file again, never with a debug file: its own symbol tables.
+    Dwfl *ownDwfl = nullptr;
+    Dwfl_Module *own = nullptr;
     quint64 start = 0;  // where the ELF header lies in this module's own address space
     quint64 lastUse = 0;
 
@@ -31,6 +34,8 @@ struct Symbolizer::Module
     {
         if (dwfl)
             dwfl_end(dwfl);
+        if (ownDwfl)
+            dwfl_end(ownDwfl);
     }
 };
 
@@ -89,6 +94,16 @@ static const Dwfl_Callbacks callbacks = {
 
 static const Dwfl_Callbacks lazyCallbacks = {
     findElf, findDebugFile, dwfl_offline_section_address, nullptr,
+};
+
+static int findNoDebugFile(Dwfl_Module *, void **, const char *, Dwarf_Addr, const char *, const char *, GElf_Word,
+                           char **)
+{
+    return -1;
+}
+
+static const Dwfl_Callbacks ownCallbacks = {
+    findNoElf, findNoDebugFile, dwfl_offline_section_address, nullptr,
 };
 
 Dwfl *Symbolizer::newDwfl(bool lazy)
@@ -152,6 +167,14 @@ static QString dieName(Dwarf_Die *die)
         return demangled(name);
     name = dwarf_formstring(dwarf_attr_integrate(die, DW_AT_name, &attr));
     return name ? QString::fromUtf8(name) : QString();
+}
+
+static QString symbolAt(Dwfl_Module *module, quint64 address)
+{
+    GElf_Off offset;
+    GElf_Sym symbol;
+    const char *name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
+    return name ? demangled(name) : QString();
 }
 
 // clang writes .debug_aranges only on request (-gdwarf-aranges), so a client that builds the
@@ -231,6 +254,7 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump, const QVector<StackA
             line.file = locations.at(j).file;
             line.line = locations.at(j).line;
             line.fromSymbolTable = locations.at(j).fromSymbolTable;
+            line.symbol = locations.at(j).symbol;
             line.inlined = j + 1 < locations.size();
             frames << line;
         }
@@ -338,8 +362,6 @@ Symbolizer::Module *Symbolizer::module(const QByteArray &buildId)
 }
 
 // From the executable where there is one, whose symbol tables name what no debug file does;
-// its debug file then comes through findDebugFile. Otherwise from the debug file alone.
-// From the executable where there is one, whose symbol tables name what no debug file does;
 // its debug file then comes through findDebugFile. Otherwise from the debug file alone. The
 // module's own address space: only offsets from its start matter.
 std::shared_ptr<Symbolizer::Module> Symbolizer::load(const QByteArray &buildId)
@@ -357,6 +379,12 @@ std::shared_ptr<Symbolizer::Module> Symbolizer::load(const QByteArray &buildId)
     dwfl_module_info(module, nullptr, &start, nullptr, nullptr, nullptr, nullptr, nullptr);
     m->module = module;
     m->start = start;
+    m->ownDwfl = dwfl_begin(&ownCallbacks);
+    if (m->ownDwfl) {
+        dwfl_report_begin(m->ownDwfl);
+        m->own = reportModule(m->ownDwfl, buildId, 0);
+        dwfl_report_end(m->ownDwfl, nullptr, nullptr);
+    }
     return m;
 }
 
@@ -394,7 +422,7 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
             const int tag = dwarf_tag(&scopes[i]);
             if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram && tag != DW_TAG_entry_point)
                 continue;
-            locations << Location{ dieName(&scopes[i]), file, line };
+            locations << Location{ dieName(&scopes[i]), file, line, false, QString() };
             if (tag != DW_TAG_inlined_subroutine)
                 break;
             // The function it was inlined into is at the call's line.
@@ -413,15 +441,16 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
     free(scopes);
     // No DWARF for the address: the symbol table still names the function.
     if (locations.isEmpty() || locations.last().function.isEmpty()) {
-        GElf_Off offset;
-        GElf_Sym symbol;
-        if (const char *name = dwfl_module_addrinfo(m->module, address, &offset, &symbol, nullptr, nullptr, nullptr)) {
+        if (const QString name = symbolAt(m->module, address); !name.isEmpty()) {
             if (locations.isEmpty())
-                locations << Location{ demangled(name), file, line, file.isEmpty() };
+                locations << Location{ name, file, line, file.isEmpty(), QString() };
             else
-                locations.last().function = demangled(name);
+                locations.last().function = name;
         }
     }
+    const QString own = m->own ? symbolAt(m->own, address) : QString();
+    for (Location &location : locations)
+        location.symbol = own;
     if (m_lookups.size() >= maxLookups)
         m_lookups.clear();
     m_lookups.insert(key, locations);

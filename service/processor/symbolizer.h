@@ -66,6 +66,7 @@ private:
         QString file;
         int line = 0;
         bool fromSymbolTable = false;
+        QString symbol;
     };
 
     Module *module(const QByteArray &buildId);

@@ -29,6 +29,8 @@ DEMOCLIENT_QT = os.environ['DEMOCLIENT_QT']
 PLUGIN = os.path.join(os.path.dirname(DEMOCLIENT), 'libvelmora-demoplugin.so')
 STUB_SENDER = os.path.join(ROOT, 'tests/data/stub_sender.sh')
 RECEIVED, DAY = 1795000000, '2026-11-18'
+with open(os.path.join(ROOT, 'service/signature/skip.txt')) as f:
+    RULES = int(re.search(r'(?m)^version: (\d+)$', f.read()).group(1))
 HANDLER_FUNCTIONS = {'handle_crash', 'write_dump', '__restore_rt', 'crashhandler_install'}
 SOURCES = {'late_stage': 'tests/demoplugin.c', 'qt': 'tests/democlient_qt.cpp', 'c': 'crashhandler/democlient.c'}
 # Each crash of the demo clients: its signature, signal, and the function and statement that it
@@ -400,7 +402,7 @@ class Processing(unittest.TestCase):
         return rules
 
     def test_reprocess(self):
-        rules = self.rules(3, lambda name, text: text + ('crash\n' if name == 'prefix.txt' else ''))
+        rules = self.rules(RULES + 1, lambda name, text: text + ('crash\n' if name == 'prefix.txt' else ''))
         # The last row's frames have no functions: regrouped, they keep their module and offset.
         for since, archive_kept, symbols, signature in ((DAY, True, True, 'crash | main'), (DAY, False, True, 'crash | main'),
                                                         ('2026-11-19', True, True, 'crash'), (DAY, False, False, None)):
@@ -416,7 +418,7 @@ class Processing(unittest.TestCase):
                 run(*command, env=env).check_returncode()
                 result = service.show(report)
                 self.assertEqual((result['signature'], result['rule_version'], result['signal']),
-                                 (signature, 2 if since != DAY else 3, 'SIGSEGV'))
+                                 (signature, RULES if since != DAY else RULES + 1, 'SIGSEGV'))
                 self.assertEqual(service.counts(), {(signature, DAY): 1})
 
     def test_reprocess_moves_every_count(self):
@@ -434,7 +436,7 @@ class Processing(unittest.TestCase):
         run(*command, env=env).check_returncode()
         after = collections.Counter(CRASHES[mode][0] for mode in modes)
         self.assertEqual(service.counts(), {(s, DAY): n for s, n in after.items()})
-        self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {2})
+        self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {RULES})
 
     def test_postgresql_workers_share(self):
         postgres = Postgres()
