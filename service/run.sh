@@ -268,7 +268,9 @@ in /etc/nginx/nginx.conf, replace the line "worker_connections 768;" in the even
   include $config_dir/nginx-events.conf;
 ln -s $config_dir/php-fpm-pool.conf /etc/php/8.2/fpm/pool.d/velmora3.conf
 systemctl link $config_dir/systemd/*.service $config_dir/systemd/*.timer
-install -d -o $user -g $user -m 0700 $data $store $data/upload $logs
+install -d -o $user -g www-data -m 0750 $data $store
+  (nginx, as www-data, sends the archives and minicores the pages hand out from the store)
+install -d -o $user -g $user -m 0700 $data/upload $logs
 install -d -o www-data -g www-data $cache
 systemctl enable --now velmora-migrate velmora-processor@1 velmora-maintain.timer
 systemctl reload php8.2-fpm nginx
