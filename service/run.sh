@@ -385,8 +385,9 @@ render "$here/conf/php-fpm.conf.in" "$run/php-fpm.conf"
 render_common "$run"
 php -r 'file_put_contents($argv[1], "<?php\nreturn " . var_export([
         "db" => $argv[2], "store" => $argv[3], "data" => $argv[4], "max_bytes" => (int) $argv[5],
-        "keep_days" => (int) $argv[6], "max_log_bytes" => (int) $argv[7], "queue_alarm" => (int) $argv[8]], true) . ";\n");' \
-    "$run/config.php" "$db" "$store" "$data" "$max_bytes" "$keep_days" "$max_log_bytes" "$queue_alarm"
+        "keep_days" => (int) $argv[6], "max_log_bytes" => (int) $argv[7], "queue_alarm" => (int) $argv[8],
+        "debuginfod_urls" => $argv[9]], true) . ";\n");' \
+    "$run/config.php" "$db" "$store" "$data" "$max_bytes" "$keep_days" "$max_log_bytes" "$queue_alarm" "${DEBUGINFOD_URLS:-}"
 export VELMORA_CONFIG=$run/config.php
 
 if [ "${#as_user[@]}" -gt 0 ]; then

@@ -131,6 +131,8 @@ ACCESS = [
     ('/crashes/report/%s/minicore' % ID[1], 'admin', 404, 'has no minicore'),
 ]
 
+# The processors' debuginfod, which the report page's recipe names; never asked here.
+DEBUGINFOD = 'http://127.0.0.1:8002'
 # A page and texts it shows, in this order.
 PAGES = [
     ('report/' + ID[1], ['<i>name</i> = <i>value</i>', 'Signature ' + MAP, 'SIGSEGV at 0x0000000000000010',
@@ -144,7 +146,7 @@ PAGES = [
     ('report/' + ID[22], ["Assertion `n > 0' failed. " + SCRIPT, 'Threads 2 threads, captured with ptrace', 'Crashing thread',
                           'Map::load inlined', 'The last 1 frames are the return addresses', 'Other threads',
                           'Thread 102 ' + SCRIPT, '__futex_wait symbol table', 'worker_wait ', '5 frames between',
-                          ID[22] + '.core', 'eu-stack --core=' + ID[22] + '.core',
+                          ID[22] + '.core', "DEBUGINFOD_URLS='%s'" % DEBUGINFOD, 'eu-stack --core=' + ID[22] + '.core',
                           'debuginfod-find executable ' + 'ab' * 20 + ')" modules/libc.so.6', "file modules/libc.so.6"]),
     ('signature?s=' + urllib.parse.quote(RENDER), ['last 90 days: 6', '3.2.0 6 %s %s' % (day(20), day(0)),
                                                    ID[9], ID[8], ID[10], ID[11], ID[12], ID[21]]),
@@ -209,7 +211,7 @@ class Pages(unittest.TestCase):
         if cls.postgres:
             cls.addClassCleanup(cls.postgres.stop)
         forget_dead_clocks()
-        cls.service = Service(cls.work, db=cls.postgres and cls.postgres.url, env=CLOCK).start()
+        cls.service = Service(cls.work, db=cls.postgres and cls.postgres.url, env=dict(CLOCK, DEBUGINFOD_URLS=DEBUGINFOD)).start()
         cls.addClassCleanup(cls.service.stop)
         cls.password = open(os.path.join(cls.service.data, 'admin-password')).read().strip()
         # Processed before the others are loaded, which hold a report that must stay waiting.
