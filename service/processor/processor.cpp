@@ -11,6 +11,7 @@
 #include <QDateTime>
 #include <QJsonObject>
 #include <cxxabi.h>
+#include <utility>
 
 // What the other threads may add to a stored result, in frames: a core can hold 1024 threads.
 static const int maxOtherThreadFrames = 16384;
@@ -42,6 +43,12 @@ Processor::Processor(ReportDatabase &database, const ReportStore &store, Symboli
 
 Processor::Outcome Processor::processNext()
 {
+    if (m_unwritten) {
+        const Unwritten unwritten = *std::exchange(m_unwritten, std::nullopt);
+        qInfo("%s: writing its end again", qUtf8Printable(unwritten.claim.id));
+        return unwritten.failure.isEmpty() ? finished(unwritten.claim, unwritten.result)
+                                           : failed(unwritten.claim, unwritten.failure);
+    }
     const std::optional<Claim> claim = m_database.claimNext(m_leaseSeconds);
     if (!claim)
         return m_database.lastError().isEmpty() ? Idle : DatabaseError;
@@ -141,20 +148,33 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
         result.address = dump.address;
         result.frames = framesToJson(frames);
     }
-    if (!m_database.finish(claim, result)) {
-        qWarning("%s: not finished: %s", qUtf8Printable(claim.id), qUtf8Printable(m_database.lastError()));
-        return Lost;
-    }
+    return finished(claim, result);
+}
+
+Processor::Outcome Processor::finished(const Claim &claim, const Result &result)
+{
+    if (!m_database.finish(claim, result))
+        return notWritten(Unwritten{ claim, result, QString() });
     qInfo("%s: done, %s", qUtf8Printable(claim.id), qUtf8Printable(result.signature));
     return Done;
 }
 
 Processor::Outcome Processor::failed(const Claim &claim, const QString &reason)
 {
-    if (!m_database.fail(claim, reason)) {
-        qWarning("%s: not finished: %s", qUtf8Printable(claim.id), qUtf8Printable(m_database.lastError()));
-        return Lost;
-    }
+    if (!m_database.fail(claim, reason))
+        return notWritten(Unwritten{ claim, Result(), reason });
     qInfo("%s: failed, %s", qUtf8Printable(claim.id), qUtf8Printable(reason));
     return Failed;
+}
+
+// A claim taken by another processor is its to finish. Otherwise the database went away: the
+// end is written once it is back, rather than the report waiting out its lease and losing an
+// attempt to the outage.
+Processor::Outcome Processor::notWritten(const Unwritten &unwritten)
+{
+    qWarning("%s: not finished: %s", qUtf8Printable(unwritten.claim.id), qUtf8Printable(m_database.lastError()));
+    if (m_database.claimLost())
+        return Lost;
+    m_unwritten = unwritten;
+    return DatabaseError;
 }

@@ -1,14 +1,15 @@
 #ifndef PROCESSOR_H
 #define PROCESSOR_H
 
+#include "reportdatabase.h"
+
 #include <QString>
 #include <csignal>
+#include <optional>
 
-class ReportDatabase;
 class ReportStore;
 class SignatureRules;
 class Symbolizer;
-struct Claim;
 
 // The work on one report, from its claim to its end: read the archive, parse the dump,
 // symbolize, group, write the result, or end the report failed with the reason.
@@ -25,8 +26,18 @@ public:
     Outcome processAgain(const QString &id);
 
 private:
+    // An end the database did not take while its claim is still this processor's.
+    struct Unwritten
+    {
+        Claim claim;
+        Result result;
+        QString failure;  // empty: done with the result
+    };
+
     Outcome process(const Claim &claim, bool again);
+    Outcome finished(const Claim &claim, const Result &result);
     Outcome failed(const Claim &claim, const QString &reason);
+    Outcome notWritten(const Unwritten &unwritten);
 
     ReportDatabase &m_database;
     const ReportStore &m_store;
@@ -34,6 +45,7 @@ private:
     const SignatureRules &m_rules;
     const volatile std::sig_atomic_t *m_stop;
     int m_leaseSeconds = 300;
+    std::optional<Unwritten> m_unwritten;
 };
 
 #endif

@@ -293,6 +293,7 @@ bool ReportDatabase::begin()
 {
     // SQLite takes its write lock at once, so that two processors cannot both read a report
     // as free and then both take it.
+    m_claimLost = false;
     return execute(m_postgres ? QStringLiteral("BEGIN") : QStringLiteral("BEGIN IMMEDIATE"));
 }
 
@@ -359,7 +360,8 @@ bool ReportDatabase::endClaim(const Claim &claim, const QString &state, const QS
     query.addBindValue(claim.attempts);
     if (!run(query))
         return false;
-    if (query.numRowsAffected() != 1) {
+    m_claimLost = query.numRowsAffected() != 1;
+    if (m_claimLost) {
         m_error = QStringLiteral("the claim on report %1 ran out and was taken by another processor").arg(claim.id);
         return false;
     }

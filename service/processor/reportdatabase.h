@@ -46,6 +46,8 @@ public:
     // Makes the connection anew; false, with lastError, while the database cannot be reached.
     bool reopen();
     QString lastError() const { return m_error; }
+    // The last finish or fail found its claim run out and taken by another processor.
+    bool claimLost() const { return m_claimLost; }
 
     // The oldest report waiting, or one whose lease ran out; first, reports whose lease ran out
     // for the last time end failed. Empty when there is none, or on an error (lastError).
@@ -80,6 +82,7 @@ private:
     QString m_connection;
     bool m_postgres = false;
     QString m_error;
+    bool m_claimLost = false;
 };
 
 #endif

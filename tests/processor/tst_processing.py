@@ -438,7 +438,7 @@ class Processing(unittest.TestCase):
         self.assertEqual(service.counts(), {(s, DAY): n for s, n in after.items()})
         self.assertEqual({r['rule_version'] for r in service.sql('SELECT rule_version FROM processed')}, {RULES})
 
-    def test_postgresql_workers_share(self):
+    def test_postgresql(self):
         postgres = Postgres()
         try:
             service = self.service(postgres.url)
@@ -449,6 +449,24 @@ class Processing(unittest.TestCase):
             rows = service.sql('SELECT state, attempts, worker FROM reports')
             self.assertEqual([(r['state'], r['attempts']) for r in rows], [('done', 1)] * len(reports))
             self.assertEqual(service.counts(), {('crash', DAY): 20})
+
+            # A report in hand while the database restarts is written once it is back, not left
+            # to wait out its lease.
+            report = service.add(self.dumps['segv'])
+            with HungServer() as hung:
+                command, env = service.processor('--lease', '600', *self.libc_symbols, env=hung.env(self.tmp))
+                worker = subprocess.Popen(command, env=env, stderr=subprocess.PIPE, text=True)
+                self.addCleanup(worker.communicate)
+                self.addCleanup(worker.terminate)
+                hung.wait_for_request(self)
+                postgres.stop(keep=True)
+                hung.held[0][0].close()
+            next(line for line in worker.stderr if 'not finished' in line)
+            postgres.start()
+            deadline = time.monotonic() + HANG_SECONDS
+            while service.sql('SELECT state, attempts FROM reports WHERE id = ?', report) != [{'state': 'done', 'attempts': 1}]:
+                self.assertLess(time.monotonic(), deadline, 'report %s not written' % report)
+                time.sleep(0.1)
         finally:
             postgres.stop()
 
