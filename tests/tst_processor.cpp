@@ -3,6 +3,7 @@
 // PHP side, on the examples both must agree on.
 #include "crashdump.h"
 #include "databaseurl.h"
+#include "exceptiontable.h"
 #include "minicore.h"
 #include "reportdatabase.h"
 #include "reportstore.h"
@@ -169,6 +170,8 @@ private slots:
     void dumps();
     void cores_data();
     void cores();
+    void exceptionTables_data();
+    void exceptionTables();
     void signatures_data();
     void signatures();
     void ruleFiles_data();
@@ -373,6 +376,64 @@ void tst_Processor::cores()
     QCOMPARE(names.join(' '), top);
     QCOMPARE(stacks.constFirst().leftOut, leftOut);
     QVERIFY2(stacks.constLast().stop.contains(lastStop), qPrintable(stacks.constLast().stop));
+}
+
+void tst_Processor::exceptionTables_data()
+{
+    QTest::addColumn<QString>("file");  // whose tables are read; a debug file's code is the gcc build's
+    QTest::addColumn<QByteArray>("function");
+    QTest::addColumn<QByteArray>("callee");  // the first call to it in `function`, or its first byte if empty
+    QTest::addColumn<bool>("refused");
+
+    const QByteArray present = "_ZN12_GLOBAL__N_17presentEv", fail = "_ZN12_GLOBAL__N_14failEv", gcc = DEMOCLIENT_QT_EXE;
+    const QString debug = m_symbols.filePath(QStringLiteral("qt.debug")), clang = QStringLiteral(DEMOCLIENT_BUILT_AS "qt-lld");
+    QCOMPARE(QProcess::execute(QStringLiteral("objcopy"), { QStringLiteral("--only-keep-debug"), gcc, debug }), 0);
+    QTest::newRow("gcc: a throwing call in a noexcept function") << QString(gcc) << present << fail << true;
+    QTest::newRow("gcc: a call that cannot throw, before any entry") << QString(gcc) << QByteArray("main.cold") << present << true;
+    QTest::newRow("gcc: a call with a cleanup") << QString(gcc) << QByteArray("main") << QByteArray("_ZN7QStringC1EPKc") << false;
+    QTest::newRow("gcc: its debug file") << debug << present << fail << false;
+    QTest::newRow("clang: a landing pad that terminates") << clang << present << fail << false;
+    QTest::newRow("clang: a function without a table") << clang << QByteArray("_ZL7recursem") << QByteArray() << false;
+}
+
+void tst_Processor::exceptionTables()
+{
+    QFETCH(QString, file);
+    QFETCH(QByteArray, function);
+    QFETCH(QByteArray, callee);
+    QFETCH(bool, refused);
+
+    const QString codeFile = file.endsWith(QLatin1String(".debug")) ? QStringLiteral(DEMOCLIENT_QT_EXE) : file;
+    QFile code(codeFile);
+    QVERIFY(code.open(QIODevice::ReadOnly));
+    const QByteArray bytes = code.readAll();
+    auto elfOf = [](const QString &path) {  // the whole file is mapped: its descriptor is not needed after
+        const int fd = open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+        Elf *elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+        close(fd);
+        return elf;
+    };
+    Elf *elf = elfOf(codeFile), *tables = elfOf(file);
+    QHash<QByteArray, GElf_Sym> symbols;
+    GElf_Shdr shdr;
+    for (Elf_Scn *scn = elf_nextscn(elf, nullptr); scn; scn = elf_nextscn(elf, scn)) {
+        Elf_Data *data = elf_getdata(scn, nullptr);
+        GElf_Sym symbol;
+        for (int i = 0; gelf_getshdr(scn, &shdr)->sh_type == SHT_SYMTAB && gelf_getsym(data, i, &symbol); ++i)
+            symbols.insert(elf_strptr(elf, shdr.sh_link, symbol.st_name), symbol);
+    }
+    const GElf_Sym from = symbols.value(function);
+    GElf_Addr call = callee.isEmpty() ? from.st_value : 0;
+    gelf_getshdr(elf_getscn(elf, from.st_shndx), &shdr);
+    for (GElf_Addr at = from.st_value; call == 0 && at + 5 <= from.st_value + from.st_size; ++at) {
+        const char *op = bytes.constData() + shdr.sh_offset + (at - shdr.sh_addr);
+        if (quint8(*op) == 0xe8 && at + 5 + qFromLittleEndian<qint32>(op + 1) == symbols.value(callee).st_value)
+            call = at + 4;
+    }
+    QVERIFY(call != 0);
+    QCOMPARE(refusesExceptions(tables, call), refused);
+    elf_end(elf);
+    elf_end(tables);
 }
 
 // A frame as the literal rows write it: a function, file:line, module@0xoffset, or @0xaddress.
