@@ -7,6 +7,7 @@
 
 namespace {
 
+// DW_EH_PE_*: how .eh_frame and the call-site tables encode their pointers.
 enum : uint8_t {
     PeAbsptr = 0x00, PeUleb128 = 0x01, PeUdata2 = 0x02, PeUdata4 = 0x03, PeUdata8 = 0x04,
     PeSleb128 = 0x09, PeSdata2 = 0x0a, PeSdata4 = 0x0b, PeSdata8 = 0x0c,
@@ -86,8 +87,9 @@ bool sectionAt(Elf *elf, GElf_Addr address, Reader *reader)
 {
     for (Elf_Scn *scn = elf_nextscn(elf, nullptr); scn; scn = elf_nextscn(elf, scn)) {
         GElf_Shdr shdr;
-        if (!gelf_getshdr(scn, &shdr) || !(shdr.sh_flags & SHF_ALLOC) || address < shdr.sh_addr
-            || address - shdr.sh_addr >= shdr.sh_size)
+        // .tbss claims addresses that the sections after it use too.
+        if (!gelf_getshdr(scn, &shdr) || !(shdr.sh_flags & SHF_ALLOC) || (shdr.sh_flags & SHF_TLS)
+            || address < shdr.sh_addr || address - shdr.sh_addr >= shdr.sh_size)
             continue;
         if (shdr.sh_type == SHT_NOBITS)
             return false;

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef EXCEPTIONTABLE_H
+#define EXCEPTIONTABLE_H
 
 #include <gelf.h>
 
@@ -7,3 +8,5 @@
 // symbols use): its function has a call-site table without an entry for that call, which is
 // how gcc compiles a noexcept function. False where the file has no such table for it.
 bool refusesExceptions(Elf *elf, GElf_Addr callAddress);
+
+#endif
