@@ -3,6 +3,7 @@
 // PHP side, on the examples both must agree on.
 #include "crashdump.h"
 #include "databaseurl.h"
+#include "exceptiontable.h"
 #include "minicore.h"
 #include "reportdatabase.h"
 #include "reportstore.h"
@@ -169,6 +170,8 @@ private slots:
     void dumps();
     void cores_data();
     void cores();
+    void exceptionTables_data();
+    void exceptionTables();
     void signatures_data();
     void signatures();
     void ruleFiles_data();
@@ -373,6 +376,46 @@ void tst_Processor::cores()
     QCOMPARE(names.join(' '), top);
     QCOMPARE(stacks.constFirst().leftOut, leftOut);
     QVERIFY2(stacks.constLast().stop.contains(lastStop), qPrintable(stacks.constLast().stop));
+}
+
+void tst_Processor::exceptionTables_data()
+{
+    QTest::addColumn<QString>("file");  // whose tables are read; a debug file's code is the gcc build's
+    QTest::addColumn<QString>("call");  // function>callee: the first call to it there; a function alone: its first byte
+    QTest::addColumn<bool>("refused");
+
+    const QString gcc = QStringLiteral(DEMOCLIENT_QT_EXE), clang = QStringLiteral(DEMOCLIENT_BUILT_AS "qt-lld"), debug = m_symbols.filePath("qt.debug");
+    QCOMPARE(QProcess::execute(QStringLiteral("objcopy"), { QStringLiteral("--only-keep-debug"), gcc, debug }), 0);
+    const QString present = QStringLiteral("_ZN12_GLOBAL__N_17presentEv>_ZN12_GLOBAL__N_14failEv");
+    QTest::newRow("gcc: a throwing call in a noexcept function") << gcc << present << true;
+    QTest::newRow("gcc: a call that cannot throw, before any entry") << gcc << "main.cold>_ZN12_GLOBAL__N_17presentEv" << true;
+    QTest::newRow("gcc: a call with a cleanup") << gcc << "main>_ZN7QStringC1EPKc" << false;
+    QTest::newRow("gcc: its debug file") << debug << present << false;
+    QTest::newRow("clang: a landing pad that terminates") << clang << present << false;
+    QTest::newRow("clang: its landing pad's call, outside every entry") << clang << "_ZN12_GLOBAL__N_17presentEv>__clang_call_terminate" << true;
+    QTest::newRow("clang: a function without a table") << clang << "_ZL7recursem" << false;
+}
+
+void tst_Processor::exceptionTables()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, call);
+    QFETCH(bool, refused);
+
+    QProcess objdump;
+    objdump.start(QStringLiteral("objdump"), { "-d", "--no-show-raw-insn", file.endsWith(".debug") ? DEMOCLIENT_QT_EXE : file });
+    QVERIFY(objdump.waitForFinished());
+    // A call's last byte: a direct call is five bytes long.
+    const QStringList names = call.split('>');
+    const QRegularExpression pattern(names.size() > 1 ? QStringLiteral("<%1>:\n(?:.+\n)*? *([0-9a-f]+):\\s+call +[0-9a-f]+ <%2>").arg(names[0], names[1])
+                                                      : QStringLiteral("\n([0-9a-f]+) <%1>:").arg(call));
+    const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(objdump.readAllStandardOutput()));
+    QVERIFY(match.hasMatch());
+    QFile tables(file);
+    QVERIFY(tables.open(QIODevice::ReadOnly));
+    Elf *elf = elf_begin(tables.handle(), ELF_C_READ_MMAP, nullptr);
+    QCOMPARE(refusesExceptions(elf, match.captured(1).toULongLong(nullptr, 16) + (names.size() > 1 ? 4 : 0)), refused);
+    elf_end(elf);
 }
 
 // A frame as the literal rows write it: a function, file:line, module@0xoffset, or @0xaddress.
