@@ -459,6 +459,7 @@ void tst_Processor::signatures_data()
             frame.file = columns.value(2).section(QLatin1Char(':'), 0, 0);
             frame.line = columns.value(2).section(QLatin1Char(':'), 1).toInt();
             frame.symbol = columns.value(3);
+            frame.refusesExceptions = columns.value(4) == QLatin1String("refuses");
             stack << frame;
         } else if (line.startsWith(QLatin1String("signature: "))) {
             signature = line.mid(11);
@@ -491,6 +492,11 @@ void tst_Processor::signatures_data()
             frames << frameFrom(text);
         QTest::newRow(qPrintable(row.first.join(QLatin1String(" < ")))) << frames << row.second;
     }
+    // A caller whose exception table refuses exceptions, above a crash that threw none.
+    QVector<Frame> underNoexcept = { frameFrom(QStringLiteral("abort")), frameFrom(QStringLiteral("check_index")),
+                                     frameFrom(QStringLiteral("present")) };
+    underNoexcept.last().refusesExceptions = true;
+    QTest::newRow("abort < check_index < refusing present") << underNoexcept << QStringLiteral("abort | check_index");
     QVector<Frame> copies;
     for (int i = 0; i < 60; ++i)
         copies << frameFrom(QLatin1String(i % 2 ? "memset" : "memcpy"));

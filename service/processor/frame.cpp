@@ -34,6 +34,7 @@ QJsonArray framesToJson(const QVector<Frame> &frames)
                 { QStringLiteral("inlined"), f.inlined },
                 { QStringLiteral("symbol_table"), f.fromSymbolTable },
                 { QStringLiteral("symbol"), textOrNull(f.symbol) },
+                { QStringLiteral("refuses_exceptions"), f.refusesExceptions },
         });
     }
     return array;
@@ -57,6 +58,7 @@ QVector<Frame> framesFromJson(const QJsonArray &array)
         f.inlined = o.value(QStringLiteral("inlined")).toBool();
         f.fromSymbolTable = o.value(QStringLiteral("symbol_table")).toBool();
         f.symbol = o.value(QStringLiteral("symbol")).toString();
+        f.refusesExceptions = o.value(QStringLiteral("refuses_exceptions")).toBool();
         frames << f;
     }
     return frames;

@@ -24,6 +24,9 @@ struct Frame
     // What the module's own file calls the address, whatever debug file the server has:
     // empty where its symbol tables name nothing there.
     QString symbol;
+    // Its function's exception table has no entry for the call it made: an exception reaching
+    // it ends the program. gcc compiles noexcept functions so.
+    bool refusesExceptions = false;
 };
 
 QJsonArray framesToJson(const QVector<Frame> &frames);

@@ -8,6 +8,8 @@ const QString SignatureRules::NoFramesSignature = QStringLiteral("EMPTY: no fram
 const QString SignatureRules::NoModuleToken = QStringLiteral("(no module)");
 
 static const char separator[] = " | ";
+// libstdc++'s, which clang's code uses too: it decides at each frame whether an exception may pass.
+static const char personalityRoutine[] = "__gxx_personality_v0";
 static const char arrow[] = "=>";
 static const qint64 maxListBytes = 1024 * 1024;
 
@@ -27,6 +29,7 @@ struct Stack
 {
     QVector<Line> lines;
     bool dying = false;  // a sentinel was found: the frames from there on are a way of dying
+    bool refused = false;  // a function's exception table refused the exception in flight
     QString kind;
 
     int nextKept(int i) const
@@ -148,6 +151,27 @@ static void tellKind(const Lists &lists, Stack &s, int i)
     s.kind = lists.kinds.value(s.lines.at(i).text);
 }
 
+// gcc's personality routine ends the program at a noexcept function gcc compiled while the
+// thrower is still on the stack; clang's landing pad there, once the thrower is gone. The
+// innermost function whose table refused the exception is where both start.
+static bool refusedException(const Lists &, const Stack &s, int i)
+{
+    if (s.refused || !s.lines.at(i).frame->refusesExceptions)
+        return false;
+    for (int inner = 0; inner < i; ++inner) {
+        if (s.lines.at(inner).text == QLatin1String(personalityRoutine))
+            return true;
+    }
+    return false;
+}
+
+static void startAtRefuser(const Lists &, Stack &s, int i)
+{
+    s.refused = true;
+    for (int above = 0; above < i; ++above)
+        s.lines[above].kept = false;
+}
+
 static bool isSkipped(const Lists &lists, const Stack &s, int i)
 {
     const Line &line = s.lines.at(i);
@@ -188,6 +212,7 @@ static const Rule rules[] = {
     { "nowhere", inNoModule, readAsNoModule },        // a bad call or jump target: one token, never the address
     { "sentinel", isSentinel, startHere },            // sentinel.txt: the signature starts at the innermost
     { "kind", hasKind, tellKind },                    // kinds.txt: the outermost tells how the program died
+    { "refused", refusedException, startAtRefuser },  // the noexcept function an exception reached
     { "skip", isSkipped, leaveOut },                  // skip.txt, and library tokens on a way of dying
     { "repeat", namedAgain, leaveOut },               // a frame its caller names again
 };

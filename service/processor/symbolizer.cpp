@@ -1,6 +1,7 @@
 #include "symbolizer.h"
 
 #include "crashdump.h"
+#include "exceptiontable.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -236,7 +237,7 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump, const QVector<StackA
         frame.address = address.address;
         // A return address: the call lies just before.
         const quint64 at = address.returnAddress && frame.address > 0 ? frame.address - 1 : frame.address;
-        QVector<Location> locations;
+        Lookup found;
         DumpModule dumpModule;
         if (dump.moduleAt(at, &dumpModule)) {
             frame.hasModule = true;
@@ -244,8 +245,11 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump, const QVector<StackA
             frame.offset = frame.address - dumpModule.loadAddress;
             frame.buildId = dumpModule.buildId;
             if (Module *m = dumpModule.buildId.isEmpty() ? nullptr : module(dumpModule.buildId))
-                locations = lookup(m, m->start + (at - dumpModule.loadAddress));
+                found = lookup(m, m->start + (at - dumpModule.loadAddress));
         }
+        frame.symbol = found.symbol;
+        frame.refusesExceptions = found.refusesExceptions;
+        const QVector<Location> &locations = found.locations;
         if (locations.isEmpty())
             frames << frame;
         for (int j = 0; j < locations.size(); ++j) {
@@ -254,7 +258,6 @@ QVector<Frame> Symbolizer::symbolize(const CrashDump &dump, const QVector<StackA
             line.file = locations.at(j).file;
             line.line = locations.at(j).line;
             line.fromSymbolTable = locations.at(j).fromSymbolTable;
-            line.symbol = locations.at(j).symbol;
             line.inlined = j + 1 < locations.size();
             frames << line;
         }
@@ -388,7 +391,7 @@ std::shared_ptr<Symbolizer::Module> Symbolizer::load(const QByteArray &buildId)
     return m;
 }
 
-QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
+Symbolizer::Lookup Symbolizer::lookup(Module *m, quint64 address)
 {
     const auto key = qMakePair(m->buildId, address);
     auto cached = m_lookups.constFind(key);
@@ -422,7 +425,7 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
             const int tag = dwarf_tag(&scopes[i]);
             if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram && tag != DW_TAG_entry_point)
                 continue;
-            locations << Location{ dieName(&scopes[i]), file, line, false, QString() };
+            locations << Location{ dieName(&scopes[i]), file, line };
             if (tag != DW_TAG_inlined_subroutine)
                 break;
             // The function it was inlined into is at the call's line.
@@ -443,16 +446,21 @@ QVector<Symbolizer::Location> Symbolizer::lookup(Module *m, quint64 address)
     if (locations.isEmpty() || locations.last().function.isEmpty()) {
         if (const QString name = symbolAt(m->module, address); !name.isEmpty()) {
             if (locations.isEmpty())
-                locations << Location{ name, file, line, file.isEmpty(), QString() };
+                locations << Location{ name, file, line, file.isEmpty() };
             else
                 locations.last().function = name;
         }
     }
-    const QString own = m->own ? symbolAt(m->own, address) : QString();
-    for (Location &location : locations)
-        location.symbol = own;
+    Lookup result;
+    result.locations = locations;
+    if (m->own) {
+        GElf_Addr ownBias = 0;
+        Elf *elf = dwfl_module_getelf(m->own, &ownBias);
+        result.symbol = symbolAt(m->own, address);
+        result.refusesExceptions = elf && refusesExceptions(elf, address - ownBias);
+    }
     if (m_lookups.size() >= maxLookups)
         m_lookups.clear();
-    m_lookups.insert(key, locations);
-    return locations;
+    m_lookups.insert(key, result);
+    return result;
 }

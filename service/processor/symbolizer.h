@@ -66,19 +66,26 @@ private:
         QString file;
         int line = 0;
         bool fromSymbolTable = false;
+    };
+    // What an address gives: its functions, innermost first, and what its module's own file
+    // says of it.
+    struct Lookup
+    {
+        QVector<Location> locations;
         QString symbol;
+        bool refusesExceptions = false;
     };
 
     Module *module(const QByteArray &buildId);
     std::shared_ptr<Module> load(const QByteArray &buildId);
-    QVector<Location> lookup(Module *module, quint64 address);
+    Lookup lookup(Module *module, quint64 address);
     static int debuginfodProgress(debuginfod_client *client, long, long);
 
     QStringList m_symbolDirs;
     debuginfod_client *m_debuginfod = nullptr;
     const volatile std::sig_atomic_t *m_cancel = nullptr;
     QHash<QByteArray, std::shared_ptr<Module>> m_modules;
-    QHash<QPair<QByteArray, quint64>, QVector<Location>> m_lookups;
+    QHash<QPair<QByteArray, quint64>, Lookup> m_lookups;
     // Kept apart from the modules, so that many unknown build IDs evict no module.
     QHash<QPair<QByteArray, int>, qint64> m_misses;
     QHash<QPair<QByteArray, int>, QByteArray> m_found;  // paths in debuginfod's cache

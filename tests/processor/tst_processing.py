@@ -52,7 +52,7 @@ CRASHES = {
     # Under strace the handler's helper cannot attach: the crashing thread alone, captured by itself.
     'strace': ('crashing_worker', 'SIGSEGV', 'crashing_worker', '*null_pointer = 1;', ()),
     'exception': ('terminate | main', 'SIGABRT', 'main', 'throw velmora::DeviceLost', ()),
-    'noexcept': ('noexcept | fail', 'SIGABRT', 'present', 'fail();', ()),
+    'noexcept': ('noexcept | present', 'SIGABRT', 'present', 'fail();', ()),
     'qfatal': ('fatal | main', 'SIGABRT', 'main', 'qFatal(', ()),
     'qthread-stack': ('recurse', 'SIGSEGV', 'recurse', 'frame[0] = char(depth);', ()),
 }
