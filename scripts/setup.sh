@@ -5,7 +5,7 @@ set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 apt-get update
 apt-get install -y --no-install-recommends \
-    g++ make cmake clang libclang-rt-14-dev \
+    g++ binutils make cmake clang libclang-rt-14-dev \
     qtbase5-dev qttools5-dev qttools5-dev-tools qttranslations5-l10n \
     libquazip1-qt5-dev \
     php-cli php-zip unzip python3 xvfb xauth xdotool imagemagick fonts-dejavu-core procps \
