@@ -37,6 +37,12 @@ struct Stack
         while (++i < lines.size() && !lines.at(i).kept) {}
         return i < lines.size() ? i : -1;
     }
+
+    void leaveOutAbove(int i)
+    {
+        for (int above = 0; above < i; ++above)
+            lines[above].kept = false;
+    }
 };
 
 } // namespace
@@ -136,8 +142,7 @@ static void startHere(const Lists &, Stack &s, int i)
     if (s.dying)
         return;
     s.dying = true;
-    for (int above = 0; above < i; ++above)
-        s.lines[above].kept = false;
+    s.leaveOutAbove(i);
 }
 
 static bool hasKind(const Lists &lists, const Stack &s, int i)
@@ -151,9 +156,9 @@ static void tellKind(const Lists &lists, Stack &s, int i)
     s.kind = lists.kinds.value(s.lines.at(i).text);
 }
 
-// gcc's personality routine ends the program at a noexcept function gcc compiled while the
-// thrower is still on the stack; clang's landing pad there, once the thrower is gone. The
-// innermost function whose table refused the exception is where both start.
+// An exception that reaches a noexcept function: clang's landing pad there ends the program
+// once the thrower's frames are gone, gcc's personality routine while they are still on the
+// stack. Both start at the innermost function, outside that routine, whose table refused it.
 static bool refusedException(const Lists &, const Stack &s, int i)
 {
     if (s.refused || !s.lines.at(i).frame->refusesExceptions)
@@ -168,8 +173,7 @@ static bool refusedException(const Lists &, const Stack &s, int i)
 static void startAtRefuser(const Lists &, Stack &s, int i)
 {
     s.refused = true;
-    for (int above = 0; above < i; ++above)
-        s.lines[above].kept = false;
+    s.leaveOutAbove(i);
 }
 
 static bool isSkipped(const Lists &lists, const Stack &s, int i)
