@@ -10,20 +10,10 @@
 
 #include <QDateTime>
 #include <QJsonObject>
-#include <cxxabi.h>
 #include <utility>
 
 // What the other threads may add to a stored result, in frames: a core can hold 1024 threads.
 static const int maxOtherThreadFrames = 16384;
-
-static QString demangledType(const QByteArray &name)
-{
-    int status = 0;
-    char *text = abi::__cxa_demangle(name.constData(), nullptr, nullptr, &status);
-    const QString result = status == 0 && text ? QString::fromUtf8(text) : QString::fromLatin1(name);
-    free(text);
-    return result;
-}
 
 static QString message(const CrashDump &note)
 {
@@ -31,7 +21,7 @@ static QString message(const CrashDump &note)
     if (!note.message.isEmpty())
         parts << note.message;
     if (!note.exceptionType.isEmpty())
-        parts << QStringLiteral("uncaught exception of type %1").arg(demangledType(note.exceptionType));
+        parts << QStringLiteral("uncaught exception of type %1").arg(demangled(note.exceptionType.constData()));
     return parts.join(QLatin1Char('\n'));
 }
 
@@ -121,11 +111,8 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
                 thread.insert(QStringLiteral("stop"), stack.stop);
             result.threads.append(thread);
         }
-        if (*m_stop) {
-            m_database.release(claim);
-            qInfo("%s: given back unfinished", qUtf8Printable(claim.id));
-            return Released;
-        }
+        if (*m_stop)
+            return givenBack(claim);
         result.signal = core.note.signal;
         result.address = core.note.address;
         result.message = message(core.note);
@@ -138,17 +125,21 @@ Processor::Outcome Processor::process(const Claim &claim, bool again)
             qInfo("%s: %s", qUtf8Printable(claim.id), qUtf8Printable(note));
         const QVector<Frame> frames = m_symbolizer.symbolize(dump);
         // Stopped during a download: the frames may lack what it would have brought.
-        if (*m_stop) {
-            m_database.release(claim);
-            qInfo("%s: given back unfinished", qUtf8Printable(claim.id));
-            return Released;
-        }
+        if (*m_stop)
+            return givenBack(claim);
         result.signature = m_rules.signature(frames);
         result.signal = dump.signal;
         result.address = dump.address;
         result.frames = framesToJson(frames);
     }
     return finished(claim, result);
+}
+
+Processor::Outcome Processor::givenBack(const Claim &claim)
+{
+    m_database.release(claim);
+    qInfo("%s: given back unfinished", qUtf8Printable(claim.id));
+    return Released;
 }
 
 Processor::Outcome Processor::finished(const Claim &claim, const Result &result)

@@ -35,6 +35,7 @@ private:
     };
 
     Outcome process(const Claim &claim, bool again);
+    Outcome givenBack(const Claim &claim);
     Outcome finished(const Claim &claim, const Result &result);
     Outcome failed(const Claim &claim, const QString &reason);
     Outcome notWritten(const Unwritten &unwritten);

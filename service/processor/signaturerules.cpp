@@ -104,7 +104,7 @@ static void readOwnName(const Lists &lists, Stack &s, int i)
     }
 }
 
-static bool hasFunction(const Lists &, const Stack &s, int i)
+static bool isNamed(const Lists &, const Stack &s, int i)
 {
     return !s.lines.at(i).token && !s.lines.at(i).text.isEmpty();
 }
@@ -211,7 +211,7 @@ struct Rule
 // death, and cut at MaxLength. docs/processing.md shows each on an example.
 static const Rule rules[] = {
     { "library", inLibrary, readOwnName },            // libraries.txt: named by their own symbol table, else "libc"
-    { "rename", hasFunction, rename },                // rename.txt: one name across compilers, builds, CPUs
+    { "rename", isNamed, rename },                    // rename.txt: one name across compilers, builds, CPUs
     { "name", always, name },                         // function without parameters, file:line, module@0xoffset
     { "nowhere", inNoModule, readAsNoModule },        // a bad call or jump target: one token, never the address
     { "sentinel", isSentinel, startHere },            // sentinel.txt: the signature starts at the innermost

@@ -147,7 +147,7 @@ int Symbolizer::debuginfodProgress(debuginfod_client *client, long, long)
     return (self->m_cancel && *self->m_cancel) || QDateTime::currentMSecsSinceEpoch() > self->m_deadlineMs ? 1 : 0;
 }
 
-static QString demangled(const char *name)
+QString demangled(const char *name)
 {
     int status = 0;
     char *text = abi::__cxa_demangle(name, nullptr, nullptr, &status);
@@ -398,7 +398,8 @@ Symbolizer::Lookup Symbolizer::lookup(Module *m, quint64 address)
     if (cached != m_lookups.constEnd())
         return cached.value();
 
-    QVector<Location> locations;
+    Lookup result;
+    QVector<Location> &locations = result.locations;
     QString file;
     int line = 0;
     Dwarf_Addr bias = 0;
@@ -451,8 +452,6 @@ Symbolizer::Lookup Symbolizer::lookup(Module *m, quint64 address)
                 locations.last().function = name;
         }
     }
-    Lookup result;
-    result.locations = locations;
     if (m->own) {
         GElf_Addr ownBias = 0;
         Elf *elf = dwfl_module_getelf(m->own, &ownBias);

@@ -27,6 +27,9 @@ struct StackAddress
 // files in .build-id/ab/cdef….debug, then from the debuginfod servers in DEBUGINFOD_URLS.
 // Modules stay loaded from report to report; build IDs found nowhere are not asked for again
 // for an hour, and each report may ask debuginfod only so often and so long.
+// A C++ symbol or type name as the source writes it; the name itself where it is neither.
+QString demangled(const char *name);
+
 class Symbolizer
 {
 public:

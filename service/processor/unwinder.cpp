@@ -138,7 +138,7 @@ static void fallBack(const CrashDump &note, Walk *walk)
         if (at >= 0)
             from = at + 1;
     }
-    if (from < 0 && stack.size() < note.frames.size()) {
+    if (from < 0) {
         stack.clear();
         from = 0;
     }
